@@ -1,0 +1,114 @@
+#include "model/RelativePath.hpp"
+
+#include "common/DecodingError.hpp"
+#include "common/Unicode.hpp"
+
+#include <nlohmann/json.hpp>
+
+namespace varnel {
+
+bool RelativePath::isValidComponent(std::string_view name) {
+    if (name.empty() || name == "." || name == "..") return false;
+    return name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+}
+
+std::string RelativePath::canonicalFormOf(std::string_view value) {
+    // Names that are not valid UTF-8 compare by their bytes: repairing them would make
+    // two different names equal.
+    if (unicode::isNFC(value) || !unicode::isValidUTF8(value)) return {};
+    return unicode::toNFC(value);
+}
+
+std::optional<RelativePath> RelativePath::fromString(std::string_view value) {
+    if (value.empty()) return RelativePath();
+    if (value.front() == '/') return std::nullopt;
+    if (value.find('\0') != std::string_view::npos) return std::nullopt;
+    std::size_t start = 0;
+    while (true) {
+        const std::size_t slash = value.find('/', start);
+        const std::string_view piece =
+            value.substr(start, slash == std::string_view::npos ? std::string_view::npos : slash - start);
+        if (!isValidComponent(piece)) return std::nullopt;
+        if (slash == std::string_view::npos) break;
+        start = slash + 1;
+    }
+    return RelativePath(std::string(value), canonicalFormOf(value));
+}
+
+std::optional<RelativePath> RelativePath::fromComponents(const std::vector<std::string>& components) {
+    RelativePath path;
+    for (const auto& component : components) {
+        auto next = path.appending(component);
+        if (!next) return std::nullopt;
+        path = std::move(*next);
+    }
+    return path;
+}
+
+std::optional<RelativePath> RelativePath::appending(std::string_view name) const {
+    if (!isValidComponent(name)) return std::nullopt;
+    std::string value;
+    value.reserve(value_.size() + 1 + name.size());
+    if (!isRoot()) {
+        value += value_;
+        value += '/';
+    }
+    value += name;
+    // "/" never combines with a neighbour, so the canonical form can be built per part.
+    std::string canonical;
+    std::string nameCanonical = canonicalFormOf(name);
+    if (!canonical_.empty() || !nameCanonical.empty()) {
+        if (!isRoot()) {
+            canonical += canonicalValue();
+            canonical += '/';
+        }
+        canonical += nameCanonical.empty() ? std::string(name) : nameCanonical;
+    }
+    return RelativePath(std::move(value), std::move(canonical));
+}
+
+RelativePath RelativePath::parent() const {
+    const std::size_t slash = value_.rfind('/');
+    if (slash == std::string::npos) return RelativePath();
+    return *fromString(std::string_view(value_).substr(0, slash));
+}
+
+std::string_view RelativePath::lastComponent() const {
+    const std::size_t slash = value_.rfind('/');
+    if (slash == std::string::npos) return value_;
+    return std::string_view(value_).substr(slash + 1);
+}
+
+std::vector<std::string_view> RelativePath::components() const {
+    std::vector<std::string_view> result;
+    if (isRoot()) return result;
+    std::string_view rest = value_;
+    while (true) {
+        const std::size_t slash = rest.find('/');
+        result.push_back(rest.substr(0, slash));
+        if (slash == std::string_view::npos) break;
+        rest.remove_prefix(slash + 1);
+    }
+    return result;
+}
+
+bool RelativePath::isAncestorOf(const RelativePath& other) const {
+    const std::string& mine = canonicalValue();
+    const std::string& theirs = other.canonicalValue();
+    if (isRoot()) return !other.isRoot();
+    return theirs.size() > mine.size() && theirs.compare(0, mine.size(), mine) == 0 && theirs[mine.size()] == '/';
+}
+
+void to_json(nlohmann::json& json, const RelativePath& path) {
+    json = path.value();
+}
+
+void from_json(const nlohmann::json& json, RelativePath& path) {
+    if (!json.is_string()) throw DecodingError("Invalid relative path: " + json.dump());
+    const auto& text = json.get_ref<const std::string&>();
+    auto parsed = RelativePath::fromString(text);
+    if (!parsed) throw DecodingError("Invalid relative path: " + text);
+    path = std::move(*parsed);
+}
+
+}  // namespace varnel

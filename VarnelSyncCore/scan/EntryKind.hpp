@@ -1,0 +1,22 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace varnel {
+
+enum class EntryKind { directory, regularFile, symbolicLink, unsupported };
+
+// Why an item is of kind `unsupported`.
+enum class UnsupportedReason { fifo, socket, blockDevice, characterDevice, whiteout, unknownType };
+
+std::string_view toString(EntryKind kind);
+std::optional<EntryKind> parseEntryKind(std::string_view raw);
+std::string_view toString(UnsupportedReason reason);
+std::optional<UnsupportedReason> parseUnsupportedReason(std::string_view raw);
+
+// The words used inside sentences: "named pipe (FIFO)", "socket", ... (translated).
+std::string phrase(UnsupportedReason reason);
+
+}  // namespace varnel

@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the project needs, only those that are missing.
+# Sourced by scripts/test and scripts/demo; safe to run again.
+set -euo pipefail
+
+VARNEL_PACKAGES=(
+  cmake ninja-build g++ pkg-config
+  libfmt-dev            # message and number formatting
+  nlohmann-json3-dev    # profiles file, run logs, plan export
+  libicu-dev            # NFC, case folding, grapheme clusters, calendars and time zones
+  uuid-dev              # UUIDs
+  libblkid-dev          # volume UUID and label of a block device
+  libgtest-dev libgmock-dev  # tests
+  gettext               # translation of user sentences
+  tzdata                # named time zones for the schedule tests
+)
+
+varnel_install_missing_packages() {
+  local missing=()
+  local pkg
+  for pkg in "${VARNEL_PACKAGES[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed'; then
+      missing+=("$pkg")
+    fi
+  done
+  if [ ${#missing[@]} -eq 0 ]; then
+    return 0
+  fi
+  echo "Installing missing packages: ${missing[*]}"
+  local sudo=""
+  if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+  $sudo apt-get update -q
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -q --no-install-recommends "${missing[@]}"
+}
