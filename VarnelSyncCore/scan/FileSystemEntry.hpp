@@ -1,0 +1,43 @@
+#pragma once
+
+#include "model/RelativePath.hpp"
+#include "scan/EntryKind.hpp"
+#include "scan/FileTimestamp.hpp"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace varnel {
+
+// One item as seen by a single statx that never follows a final symbolic link, so the
+// fields are consistent with each other.
+struct FileSystemEntry {
+    RelativePath relativePath;
+    EntryKind kind = EntryKind::regularFile;
+    std::int64_t size = 0;             // logical size of regular files; 0 for every other kind
+    std::int64_t allocatedBlocks = 0;  // 512-byte units
+    FileTimestamp modificationTime;
+    std::optional<FileTimestamp> creationTime;  // absent where the file system keeps no birth time
+    std::uint16_t posixPermissions = 0;         // mode & 07777
+    std::uint32_t ownerUID = 0;
+    std::uint32_t ownerGID = 0;
+    std::optional<std::string> symlinkTarget;  // links only; absent when readlink failed
+    std::optional<UnsupportedReason> unsupportedReason;  // set exactly when kind is unsupported
+    std::uint64_t deviceID = 0;  // st_dev (Linux device numbers need more than 32 bits)
+    std::uint64_t inode = 0;
+    std::uint32_t hardLinkCount = 1;
+    bool isDataless = false;  // contents live only in the cloud; never set by the Linux file system
+
+    bool isDirectory() const { return kind == EntryKind::directory; }
+    bool isRegularFile() const { return kind == EntryKind::regularFile; }
+    bool isSymbolicLink() const { return kind == EntryKind::symbolicLink; }
+    std::int64_t allocatedBytes() const { return allocatedBlocks * 512; }
+
+    friend bool operator==(const FileSystemEntry&, const FileSystemEntry&) = default;
+};
+
+// Maps st_mode's type bits to a kind and, for special files, the reason.
+EntryKind entryKindFromMode(std::uint32_t mode, std::optional<UnsupportedReason>& reason);
+
+}  // namespace varnel

@@ -1,0 +1,127 @@
+#pragma once
+
+#include "model/RelativePath.hpp"
+#include "scan/EndpointRoot.hpp"
+#include "scan/FileSystemEntry.hpp"
+#include "scan/FileTimestamp.hpp"
+#include "scan/VolumeInfo.hpp"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace varnel {
+
+// One folder opened for scanning: listed once, its children examined relative to it,
+// so a scan costs one listing per folder and one stat per item.
+class OpenDirectory {
+public:
+    virtual ~OpenDirectory() = default;
+
+    // The folder's own path below its endpoint root.
+    virtual const RelativePath& path() const = 0;
+    // The names inside, without "." and "..", in the order the system returns them
+    // (unsorted). Throws POSIXFileError "readdir".
+    virtual std::vector<std::string> names() = 0;
+    // The entry of the child `name`, whose path is `childPath`, never following a final
+    // link. Throws POSIXFileError "statx".
+    virtual FileSystemEntry entry(std::string_view name, const RelativePath& childPath) = 0;
+};
+
+// The engine's only door to the disk. Every operation on an item inside an endpoint
+// takes the endpoint's open root and a RelativePath, and never reaches outside that
+// root: ".." cannot occur in a RelativePath, and no symbolic link is followed on the
+// way down (a link in place of a folder makes the operation fail with ELOOP, ENOTDIR or
+// EXDEV). Paths longer than PATH_MAX work.
+//
+// Absolute paths appear only for what lies outside endpoints: opening a root,
+// validation, canonical paths, volume queries and creating the staging area.
+//
+// Failures throw POSIXFileError carrying the system call's name, the full path (root
+// path + "/" + relative path) and errno; no call is retried except on EINTR.
+// Implementations hold no mutable state visible to callers and are safe to use from
+// several threads at once.
+class FileSystemProviding {
+public:
+    enum class RenameMode {
+        replace,    // rename(2): an existing destination is replaced atomically
+        noReplace,  // fails with EEXIST instead of replacing; never replaces
+    };
+
+    virtual ~FileSystemProviding() = default;
+
+    // --- Endpoints -------------------------------------------------------------------
+    // Opens the folder at `absolutePath` (following links in the path itself, as a user
+    // would expect of a chosen folder). Throws POSIXFileError "open".
+    virtual EndpointRoot openRoot(const std::string& absolutePath) = 0;
+
+    // --- Inspect ---------------------------------------------------------------------
+    // One statx of the item; for a link also one readlink whose failure leaves the
+    // target absent. Throws POSIXFileError "statx".
+    virtual FileSystemEntry entry(const EndpointRoot& root, const RelativePath& path) = 0;
+    // Whether the item exists (a dangling link exists). Never throws.
+    virtual bool exists(const EndpointRoot& root, const RelativePath& path) = 0;
+    // Throws POSIXFileError "readlink".
+    virtual std::string readLink(const EndpointRoot& root, const RelativePath& path) = 0;
+    // The value of one extended attribute of the item itself (links not followed), or
+    // none when the item does not have it. Throws POSIXFileError "getxattr".
+    virtual std::optional<std::string> extendedAttribute(const EndpointRoot& root, const RelativePath& path,
+                                                         const std::string& name) = 0;
+    // Throws POSIXFileError "listxattr".
+    virtual std::vector<std::string> extendedAttributeNames(const EndpointRoot& root, const RelativePath& path) = 0;
+
+    // --- List ------------------------------------------------------------------------
+    // Names in the folder, without "." and "..", unsorted. Throws POSIXFileError
+    // "opendir" or "readdir".
+    virtual std::vector<std::string> listDirectory(const EndpointRoot& root, const RelativePath& path) = 0;
+    // Opens the folder for a scan. Throws POSIXFileError "opendir".
+    virtual std::unique_ptr<OpenDirectory> openDirectory(const EndpointRoot& root, const RelativePath& path) = 0;
+
+    // --- Create and remove -----------------------------------------------------------
+    // Throws POSIXFileError "mkdir".
+    virtual void makeDirectory(const EndpointRoot& root, const RelativePath& path, std::uint16_t mode = 0777) = 0;
+    // Throws POSIXFileError "symlink".
+    virtual void makeSymbolicLink(const EndpointRoot& root, const RelativePath& path, const std::string& target) = 0;
+    // Removes a file, link or special file. Throws POSIXFileError "unlink".
+    virtual void removeFile(const EndpointRoot& root, const RelativePath& path) = 0;
+    // Removes an empty folder. Throws POSIXFileError "rmdir".
+    virtual void removeDirectory(const EndpointRoot& root, const RelativePath& path) = 0;
+
+    // --- Move ------------------------------------------------------------------------
+    // Renames an item, possibly between two roots on one file system (the staging
+    // folder and the destination). With noReplace an existing target fails with EEXIST
+    // and both items stay; where the file system refuses that mode (EINVAL) a hard link
+    // plus unlink gives the same guarantee. Throws POSIXFileError "rename".
+    virtual void rename(const EndpointRoot& fromRoot, const RelativePath& from, const EndpointRoot& toRoot,
+                        const RelativePath& to, RenameMode mode) = 0;
+
+    // --- Metadata (never following a final link) -------------------------------------
+    // Throws POSIXFileError "chmod"; links have no mode of their own on Linux (EOPNOTSUPP).
+    virtual void setPermissions(const EndpointRoot& root, const RelativePath& path, std::uint16_t mode) = 0;
+    // Throws POSIXFileError "lchown".
+    virtual void setOwner(const EndpointRoot& root, const RelativePath& path, std::uint32_t uid, std::uint32_t gid) = 0;
+    // Sets the modification time (and the access time when given, else leaves it).
+    // Throws POSIXFileError "utimensat".
+    virtual void setTimes(const EndpointRoot& root, const RelativePath& path, FileTimestamp modification,
+                          std::optional<FileTimestamp> access = std::nullopt) = 0;
+
+    // --- Outside endpoints (absolute paths) ------------------------------------------
+    // Whether anything exists at the path (not following a final link). Never throws.
+    virtual bool existsAtPath(const std::string& absolutePath) = 0;
+    // lstat of an absolute path; the entry's relativePath is the root. Throws "statx".
+    virtual FileSystemEntry entryAtPath(const std::string& absolutePath) = 0;
+    // realpath. Throws POSIXFileError "realpath".
+    virtual std::string canonicalPath(const std::string& absolutePath) = 0;
+    // Throws POSIXFileError "mkdir".
+    virtual void makeDirectoryAtPath(const std::string& absolutePath, std::uint16_t mode) = 0;
+    // The volume holding the folder. Throws POSIXFileError "statfs".
+    virtual VolumeInfo volumeInfo(const std::string& absolutePath) = 0;
+};
+
+// "<root path>/<relative path>" (the root path alone for the root), for messages.
+std::string displayPath(const EndpointRoot& root, const RelativePath& path);
+
+}  // namespace varnel

@@ -1,0 +1,16 @@
+#include "scan/FileTimestamp.hpp"
+
+#include <nlohmann/json.hpp>
+
+namespace varnel {
+
+void to_json(nlohmann::json& json, const FileTimestamp& timestamp) {
+    json = nlohmann::json{{"seconds", timestamp.seconds}, {"nanoseconds", timestamp.nanoseconds}};
+}
+
+void from_json(const nlohmann::json& json, FileTimestamp& timestamp) {
+    timestamp.seconds = json.at("seconds").get<std::int64_t>();
+    timestamp.nanoseconds = json.at("nanoseconds").get<std::int64_t>();
+}
+
+}  // namespace varnel
