@@ -1,0 +1,115 @@
+#include "common/DecodingError.hpp"
+#include "model/RelativePath.hpp"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <set>
+#include <unordered_set>
+
+namespace varnel {
+namespace {
+
+TEST(RelativePathTest, AcceptsValidPathsUnchangedAndRefusesEveryMalformedOne) {
+    const auto root = RelativePath::fromString("");
+    ASSERT_TRUE(root);
+    EXPECT_TRUE(root->isRoot());
+    EXPECT_EQ(root->description(), "/");
+
+    for (const char* valid : {"a", "a/b", ".hidden", "..x", "a/.b/c..", "x y/ z "}) {
+        const auto path = RelativePath::fromString(valid);
+        ASSERT_TRUE(path) << valid;
+        EXPECT_EQ(path->value(), valid);
+        EXPECT_EQ(path->description(), valid);
+    }
+    for (const char* invalid : {"/a", "a/", "a//b", "./a", "a/..", "a/./b", ".", "..", "/"}) {
+        EXPECT_FALSE(RelativePath::fromString(invalid)) << invalid;
+    }
+    using namespace std::string_literals;
+    EXPECT_FALSE(RelativePath::fromString("a/b\0c"s));
+    EXPECT_FALSE(RelativePath::fromString("\0"s));
+}
+
+TEST(RelativePathTest, ComponentsAppendingParentAndLastComponent) {
+    EXPECT_TRUE(RelativePath::isValidComponent(".hidden"));
+    EXPECT_TRUE(RelativePath::isValidComponent("..x"));
+    EXPECT_FALSE(RelativePath::isValidComponent(""));
+    EXPECT_FALSE(RelativePath::isValidComponent("."));
+    EXPECT_FALSE(RelativePath::isValidComponent(".."));
+    EXPECT_FALSE(RelativePath::isValidComponent("a/b"));
+
+    const auto built = RelativePath::fromComponents({"Photos", "2024", "img.jpg"});
+    ASSERT_TRUE(built);
+    EXPECT_EQ(built->value(), "Photos/2024/img.jpg");
+    EXPECT_TRUE(RelativePath::fromComponents({})->isRoot());
+    EXPECT_FALSE(RelativePath::fromComponents({"a", ".."}));
+
+    const RelativePath root;
+    const auto child = root.appending("a");
+    ASSERT_TRUE(child);
+    EXPECT_EQ(child->value(), "a");
+    EXPECT_EQ(child->appending("b")->value(), "a/b");
+    EXPECT_FALSE(child->appending("b/c"));
+    EXPECT_FALSE(child->appending(".."));
+
+    EXPECT_EQ(built->lastComponent(), "img.jpg");
+    EXPECT_EQ(built->parent().value(), "Photos/2024");
+    EXPECT_TRUE(child->parent().isRoot());
+    EXPECT_TRUE(root.parent().isRoot());
+    EXPECT_EQ(root.lastComponent(), "");
+    EXPECT_EQ(built->components(), (std::vector<std::string_view>{"Photos", "2024", "img.jpg"}));
+
+    EXPECT_TRUE(root.isAncestorOf(*built));
+    EXPECT_TRUE(child->isAncestorOf(*child->appending("b")));
+    EXPECT_FALSE(child->isAncestorOf(*RelativePath::fromString("ab")));
+    EXPECT_FALSE(child->isAncestorOf(*child));
+}
+
+TEST(RelativePathTest, CanonicalEquivalenceWithoutChangingTheStoredValue) {
+    const std::string precomposed = "Caf\xC3\xA9/R\xC3\xA9sum\xC3\xA9.txt";      // é as U+00E9
+    const std::string decomposed = "Cafe\xCC\x81/Re\xCC\x81sume\xCC\x81.txt";  // e + U+0301
+    const auto a = RelativePath::fromString(precomposed);
+    const auto b = RelativePath::fromString(decomposed);
+    ASSERT_TRUE(a && b);
+    EXPECT_EQ(*a, *b);
+    EXPECT_EQ(std::hash<RelativePath>{}(*a), std::hash<RelativePath>{}(*b));
+    EXPECT_EQ(b->value(), decomposed) << "the stored spelling must be kept";
+
+    // The same holds for paths built one component at a time, as the scanner does.
+    const auto appended = RelativePath::fromString("Cafe\xCC\x81")->appending("Re\xCC\x81sume\xCC\x81.txt");
+    ASSERT_TRUE(appended);
+    EXPECT_EQ(*appended, *a);
+    EXPECT_EQ(appended->value(), decomposed);
+
+    std::unordered_set<RelativePath> set{*a};
+    EXPECT_TRUE(set.contains(*b));
+
+    // Case stays significant.
+    EXPECT_NE(*RelativePath::fromString("A"), *RelativePath::fromString("a"));
+}
+
+TEST(RelativePathTest, OrdersByCanonicalScalarValuesWithSlashBelowLetters) {
+    std::set<RelativePath> ordered;
+    for (const char* value : {"b", "a/b", "a-b", "a", "\xC3\xA9", "Z"}) ordered.insert(*RelativePath::fromString(value));
+    std::vector<std::string> values;
+    for (const auto& path : ordered) values.push_back(path.value());
+    EXPECT_EQ(values, (std::vector<std::string>{"Z", "a", "a-b", "a/b", "b", "\xC3\xA9"}));
+}
+
+TEST(RelativePathTest, JsonRoundTripAndRefusal) {
+    const auto path = *RelativePath::fromString("a/b c");
+    const nlohmann::json json = path;
+    EXPECT_EQ(json, "a/b c");
+    EXPECT_EQ(nlohmann::json(RelativePath()).get<std::string>(), "");
+    EXPECT_EQ(json.get<RelativePath>(), path);
+
+    try {
+        (void)nlohmann::json("../etc").get<RelativePath>();
+        FAIL() << "decoding ../etc must fail";
+    } catch (const DecodingError& error) {
+        EXPECT_STREQ(error.what(), "Invalid relative path: ../etc");
+    }
+}
+
+}  // namespace
+}  // namespace varnel
