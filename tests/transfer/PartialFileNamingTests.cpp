@@ -1,0 +1,148 @@
+#include "transfer/PartialFileNaming.hpp"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <unordered_set>
+
+namespace varnel::testing {
+namespace {
+
+namespace naming = PartialFileNaming;
+using naming::ParsedName;
+
+const Uuid runID = *Uuid::parse("3F2A9C10-7B44-4A0E-8E11-2C5D9F00A1B2");
+const Uuid uniqueID = *Uuid::parse("5D1E0B7A-4C2F-4E8B-9A61-0F3B2C7D8E91");
+const std::string uuidText = "5D1E0B7A-4C2F-4E8B-9A61-0F3B2C7D8E91";
+
+std::string intendedNameOf(const std::string& stagingName) {
+    const auto parsed = naming::parse(stagingName);
+    return parsed ? parsed->intendedName : "<not a staging name>";
+}
+
+TEST(PartialFileNamingTests, MakesTheDocumentedLayout) {
+    EXPECT_EQ(naming::makeStagingName("Report.pdf", runID, uniqueID),
+              ".Report.pdf.varnelsync-partial-3f2a9c10-5D1E0B7A-4C2F-4E8B-9A61-0F3B2C7D8E91");
+    EXPECT_EQ(naming::makeStagingName("Report.pdf", std::nullopt, uniqueID),
+              ".Report.pdf.varnelsync-partial-5D1E0B7A-4C2F-4E8B-9A61-0F3B2C7D8E91");
+    EXPECT_EQ(naming::runTag(runID), "3f2a9c10");
+
+    // The unique part is fresh each time, so repeated attempts never collide.
+    EXPECT_NE(naming::makeStagingName("Report.pdf", runID), naming::makeStagingName("Report.pdf", runID));
+}
+
+TEST(PartialFileNamingTests, LongASCIINamesFillExactly255Bytes) {
+    const std::string longName(300, 'a');
+
+    const std::string tagged = naming::makeStagingName(longName, runID);
+    EXPECT_EQ(tagged.size(), 255u);
+    EXPECT_EQ(intendedNameOf(tagged), std::string(189, 'a'));
+
+    const std::string untagged = naming::makeStagingName(longName, std::nullopt);
+    EXPECT_EQ(untagged.size(), 255u);
+    EXPECT_EQ(intendedNameOf(untagged), std::string(198, 'a'));
+
+    // A name exactly at the budget is kept whole.
+    EXPECT_EQ(intendedNameOf(naming::makeStagingName(std::string(189, 'b'), runID)), std::string(189, 'b'));
+}
+
+TEST(PartialFileNamingTests, CutNeverLeavesHalfACharacter) {
+    const std::string twoByte = "\xC3\xA9";          // é
+    const std::string threeByte = "\xE2\x82\xAC";    // €
+    const std::string fourByte = "\xF0\x9F\x98\x80"; // 😀
+
+    // 187 ASCII bytes, then é ends exactly at byte 189: the whole é still goes.
+    const std::string endsOnBoundary = std::string(187, 'a') + twoByte + std::string(20, 'z');
+    EXPECT_EQ(intendedNameOf(naming::makeStagingName(endsOnBoundary, runID)), std::string(187, 'a'));
+
+    // The cut at 189 falls after the first byte of € (bytes 189..191).
+    const std::string cutInThree = std::string(188, 'a') + threeByte + "tail";
+    EXPECT_EQ(intendedNameOf(naming::makeStagingName(cutInThree, runID)), std::string(188, 'a'));
+
+    // The cut at 198 falls after the third byte of 😀 (bytes 196..199).
+    const std::string cutInFour = std::string(195, 'a') + fourByte + "tail";
+    EXPECT_EQ(intendedNameOf(naming::makeStagingName(cutInFour, std::nullopt)), std::string(195, 'a'));
+
+    // A name of only multi-byte characters loses the one at the cut, keeps the rest whole.
+    std::string euros;
+    for (int i = 0; i < 100; ++i) euros += threeByte;
+    const std::string kept = intendedNameOf(naming::makeStagingName(euros, runID));
+    EXPECT_EQ(kept.size(), 186u);  // 62 whole characters; byte 189 ends the 63rd, which goes too
+    EXPECT_EQ(kept, euros.substr(0, 186));
+}
+
+TEST(PartialFileNamingTests, InvalidUTF8IsRepairedOnlyWhenShortened) {
+    // A short name is never touched, even when it is not valid UTF-8.
+    const std::string invalidShort = "bad\xFFname";
+    EXPECT_EQ(intendedNameOf(naming::makeStagingName(invalidShort, runID)), invalidShort);
+
+    // A stray continuation byte in the kept part becomes U+FFFD.
+    const std::string invalidLong = "x\x80" + std::string(300, 'a');
+    EXPECT_EQ(intendedNameOf(naming::makeStagingName(invalidLong, runID)), "x\xEF\xBF\xBD" + std::string(187, 'a'));
+}
+
+TEST(PartialFileNamingTests, MadeNamesParseBack) {
+    for (const std::string name : {"Report.pdf", "a", ".hidden", "Ünïcødé name.txt", "x.dovrasync-partial-y"}) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(naming::parse(naming::makeStagingName(name, runID)), (ParsedName{name, "3f2a9c10"}));
+        EXPECT_EQ(naming::parse(naming::makeStagingName(name, std::nullopt)), (ParsedName{name, std::nullopt}));
+    }
+    const auto longParsed = naming::parse(naming::makeStagingName(std::string(400, 'q'), runID));
+    EXPECT_EQ(longParsed, (ParsedName{std::string(189, 'q'), "3f2a9c10"}));
+}
+
+TEST(PartialFileNamingTests, ParsesWellFormedNames) {
+    EXPECT_EQ(naming::parse(".x.varnelsync-partial-" + uuidText), (ParsedName{"x", std::nullopt}));
+    EXPECT_EQ(naming::parse(".x.varnelsync-partial-1a2b3c4d-" + uuidText), (ParsedName{"x", "1a2b3c4d"}));
+    // Upper-case tags are accepted and kept as written; lower-case UUIDs are accepted.
+    EXPECT_EQ(naming::parse(".x.varnelsync-partial-1A2B3C4D-" + uuidText), (ParsedName{"x", "1A2B3C4D"}));
+    EXPECT_EQ(naming::parse(".x.varnelsync-partial-5d1e0b7a-4c2f-4e8b-9a61-0f3b2c7d8e91"),
+              (ParsedName{"x", std::nullopt}));
+    EXPECT_EQ(naming::parse(".photo.jpg.dovrasync-partial-" + uuidText), (ParsedName{"photo.jpg", std::nullopt}));
+    EXPECT_EQ(naming::parse(".photo.jpg.dovrasync-partial-0badcafe-" + uuidText), (ParsedName{"photo.jpg", "0badcafe"}));
+    EXPECT_TRUE(naming::isStagingName(".x.varnelsync-partial-" + uuidText));
+}
+
+TEST(PartialFileNamingTests, RejectsMalformedNames) {
+    const std::string rejected[] = {
+        "x.varnelsync-partial-" + uuidText,               // no leading "."
+        "",                                               // nothing at all
+        "..varnelsync-partial-" + uuidText,               // empty intended name
+        ".varnelsync-partial-" + uuidText,                // the marker is only searched after the "."
+        ".x.varnelsync-partial-" + uuidText.substr(1),    // 35-character tail
+        ".x.varnelsync-partial-" + uuidText + "0",        // 37-character tail
+        ".x.varnelsync-partial-1a2b3c4-" + uuidText,      // 44-character tail
+        ".x.varnelsync-partial-1a2b3c4d0-" + uuidText,    // 46-character tail
+        ".x.varnelsync-partial-1a2b3c4g-" + uuidText,     // "g" is not hexadecimal
+        ".x.varnelsync-partial-1a2b3c4d_" + uuidText,     // 9th character is not "-"
+        ".x.varnelsync-partial-5D1E0B7A_4C2F-4E8B-9A61-0F3B2C7D8E91",  // not a UUID
+        ".x.VARNELSYNC-PARTIAL-" + uuidText,              // the marker is case-sensitive
+        ".x.varnelsync-partial-",                         // no tail
+        ".Report.pdf",                                    // no marker
+    };
+    for (const auto& name : rejected) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(naming::parse(name), std::nullopt);
+        EXPECT_FALSE(naming::isStagingName(name));
+    }
+}
+
+TEST(PartialFileNamingTests, FirstMarkerFoundDecidesAlone) {
+    // The current marker occurs, with a bad tail: the valid legacy form after it is not tried.
+    EXPECT_EQ(naming::parse(".x.varnelsync-partial-junk.dovrasync-partial-" + uuidText), std::nullopt);
+    // The current marker is tried first even when the legacy one comes earlier in the name.
+    EXPECT_EQ(naming::parse(".a.dovrasync-partial-b.varnelsync-partial-" + uuidText),
+              (ParsedName{"a.dovrasync-partial-b", std::nullopt}));
+    // Only the first occurrence of a marker counts.
+    EXPECT_EQ(naming::parse(".a.varnelsync-partial-b.varnelsync-partial-" + uuidText), std::nullopt);
+}
+
+TEST(PartialFileNamingTests, ParsedNamesHashByValue) {
+    const std::unordered_set<ParsedName> names{
+        {"x", std::nullopt}, {"x", "1a2b3c4d"}, {"x", "1A2B3C4D"}, {"x", std::nullopt}, {"y", std::nullopt}};
+    EXPECT_EQ(names.size(), 4u);
+    EXPECT_TRUE(names.contains(ParsedName{"x", "1a2b3c4d"}));
+}
+
+}  // namespace
+}  // namespace varnel::testing
