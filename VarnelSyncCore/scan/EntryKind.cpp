@@ -55,6 +55,16 @@ std::optional<UnsupportedReason> parseUnsupportedReason(std::string_view raw) {
     return std::nullopt;
 }
 
+std::string kindWord(EntryKind kind) {
+    switch (kind) {
+        case EntryKind::directory: return tr("folder");
+        case EntryKind::regularFile: return tr("file");
+        case EntryKind::symbolicLink: return tr("symbolic link");
+        case EntryKind::unsupported: return tr("unsupported item");
+    }
+    return tr("unsupported item");
+}
+
 std::string phrase(UnsupportedReason reason) {
     switch (reason) {
         case UnsupportedReason::fifo: return tr("named pipe (FIFO)");

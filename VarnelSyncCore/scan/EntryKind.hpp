@@ -16,6 +16,10 @@ std::optional<EntryKind> parseEntryKind(std::string_view raw);
 std::string_view toString(UnsupportedReason reason);
 std::optional<UnsupportedReason> parseUnsupportedReason(std::string_view raw);
 
+// The lower-case word for a kind inside sentences: "folder", "file", "symbolic link",
+// "unsupported item" (translated).
+std::string kindWord(EntryKind kind);
+
 // The words used inside sentences: "named pipe (FIFO)", "socket", ... (translated).
 std::string phrase(UnsupportedReason reason);
 

@@ -1,0 +1,76 @@
+#pragma once
+
+#include "scan/EntryKind.hpp"
+#include "scan/FileTimestamp.hpp"
+
+#include <nlohmann/json_fwd.hpp>
+
+#include <cstdint>
+#include <string>
+#include <variant>
+
+namespace varnel {
+
+// Why the plan does what it does with one item; shown in the plan's Reason column.
+class SyncActionReason {
+public:
+#define VARNEL_REASON(Name, ...)                                      \
+    struct Name {                                                     \
+        __VA_ARGS__                                                   \
+        friend bool operator==(const Name&, const Name&) = default;   \
+    }
+    VARNEL_REASON(NotPresentInDestination, );
+    VARNEL_REASON(SizeDiffers, std::int64_t source; std::int64_t destination;);
+    VARNEL_REASON(SourceIsNewer, FileTimestamp sourceTime; FileTimestamp destinationTime;);
+    VARNEL_REASON(TimestampsDifferAmbiguously, FileTimestamp sourceTime; FileTimestamp destinationTime;);
+    VARNEL_REASON(TypeChanged, EntryKind from; EntryKind to;);
+    VARNEL_REASON(SymlinkTargetChanged, std::string from; std::string to;);
+    VARNEL_REASON(IdenticalMetadata, );
+    VARNEL_REASON(MissingParentDirectory, );
+    VARNEL_REASON(NotPresentInSource, );
+    VARNEL_REASON(MatchedExclusionRule, std::string description;);
+    VARNEL_REASON(HiddenFileSkipped, );
+    VARNEL_REASON(UnsupportedFileType, UnsupportedReason reason;);
+    VARNEL_REASON(CaseCollision, std::string otherPath;);
+    VARNEL_REASON(HardLinkNotPreserved, std::uint64_t linkCount;);
+    VARNEL_REASON(SparseFileMayExpand, );
+    VARNEL_REASON(SymlinkEscapesSourceTree, std::string target;);
+    VARNEL_REASON(PermissionDenied, std::string detail;);
+    VARNEL_REASON(ScanFailure, std::string detail;);
+    VARNEL_REASON(OnlineOnlyInSource, );
+#undef VARNEL_REASON
+
+    using Case = std::variant<NotPresentInDestination, SizeDiffers, SourceIsNewer, TimestampsDifferAmbiguously,
+                              TypeChanged, SymlinkTargetChanged, IdenticalMetadata, MissingParentDirectory,
+                              NotPresentInSource, MatchedExclusionRule, HiddenFileSkipped, UnsupportedFileType,
+                              CaseCollision, HardLinkNotPreserved, SparseFileMayExpand, SymlinkEscapesSourceTree,
+                              PermissionDenied, ScanFailure, OnlineOnlyInSource>;
+
+    SyncActionReason() = default;
+    template <typename T>
+        requires std::is_constructible_v<Case, T>
+    SyncActionReason(T value) : case_(std::move(value)) {}
+
+    const Case& value() const { return case_; }
+    template <typename T>
+    const T* as() const { return std::get_if<T>(&case_); }
+    template <typename T>
+    bool is() const { return std::holds_alternative<T>(case_); }
+
+    // The case name, which is also its JSON key.
+    std::string_view name() const;
+    // The Reason column text ("Size differs (1.5 MB vs 12 bytes)", ...), translated.
+    std::string text() const;
+
+    friend bool operator==(const SyncActionReason&, const SyncActionReason&) = default;
+
+private:
+    Case case_;
+};
+
+// {"<case name>": {<payload fields>}}; payload-free cases hold an empty object and the
+// one unlabelled payload (the unsupported reason) uses the key "_0".
+void to_json(nlohmann::json& json, const SyncActionReason& reason);
+void from_json(const nlohmann::json& json, SyncActionReason& reason);
+
+}  // namespace varnel
