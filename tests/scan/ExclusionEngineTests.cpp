@@ -1,0 +1,179 @@
+#include "scan/ExclusionEngine.hpp"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace varnel::testing {
+
+namespace {
+
+using Kind = ExclusionRule::Kind;
+
+ExclusionRule rule(Kind kind, std::string value, bool caseSensitive = false, bool isEnabled = true) {
+    return ExclusionRule{Uuid::random(), kind, std::move(value), caseSensitive, isEnabled};
+}
+
+struct Probe {
+    std::string path;
+    bool isDirectory;
+    std::optional<std::string> expected;  // the rule description, or none
+};
+
+void expectProbes(const ExclusionEngine& engine, const std::vector<Probe>& probes) {
+    for (const auto& probe : probes) {
+        const auto result = engine.match(probe.path, probe.isDirectory);
+        const std::optional<std::string> description =
+            result ? std::optional<std::string>(result->ruleDescription) : std::nullopt;
+        EXPECT_EQ(description, probe.expected) << probe.path << (probe.isDirectory ? " (directory)" : " (file)");
+    }
+}
+
+constexpr auto kHiddenIncluded = HiddenFilePolicy::include;
+constexpr auto kHiddenExcluded = HiddenFilePolicy::exclude;
+const std::string kHiddenReason = "Hidden files are skipped by this profile";
+
+TEST(ExclusionEngineTest, ExtensionRulesFoldCaseUnlessCaseSensitive) {
+    const ExclusionEngine insensitive({rule(Kind::fileExtension, ".TMP")}, kHiddenIncluded);
+    expectProbes(insensitive, {
+        {"a/b/c.tmp", false, "Extension ..TMP"},  // the value as entered, dot and all
+        {"c.TMP", false, "Extension ..TMP"},
+        {"c.tmp.txt", false, std::nullopt},  // only the text after the last dot counts
+        {"a/x.tmp", true, std::nullopt},     // never a directory
+        {"tmp", false, std::nullopt},        // no dot, no extension
+    });
+    const ExclusionEngine sensitive({rule(Kind::fileExtension, ".TMP", true)}, kHiddenIncluded);
+    expectProbes(sensitive, {
+        {"c.TMP", false, "Extension ..TMP"},
+        {"c.tmp", false, std::nullopt},
+        {"c.Tmp", false, std::nullopt},
+    });
+    const ExclusionEngine noDot({rule(Kind::fileExtension, "log"), rule(Kind::fileExtension, "..bak")},
+                                kHiddenIncluded);
+    expectProbes(noDot, {
+        {"x.log", false, "Extension .log"},
+        {"x.bak", false, std::nullopt},  // only one leading dot is dropped
+    });
+}
+
+TEST(ExclusionEngineTest, ExactPaths) {
+    const ExclusionEngine engine({rule(Kind::exactRelativePath, "/Projects/Archive/old.zip"),
+                                  rule(Kind::exactRelativePath, "Projects/Archive/new.zip/"),
+                                  rule(Kind::exactRelativePath, "Docs/Secret", true)},
+                                 kHiddenIncluded);
+    expectProbes(engine, {
+        {"Projects/Archive/old.zip", false, "Path is /Projects/Archive/old.zip"},
+        {"projects/archive/OLD.ZIP", true, "Path is /Projects/Archive/old.zip"},
+        {"x/Projects/Archive/old.zip", false, std::nullopt},
+        {"Projects/Archive", true, std::nullopt},
+        {"Projects/Archive/new.zip", false, std::nullopt},  // a trailing "/" never matches
+        {"Projects/Archive/new.zip", true, std::nullopt},
+        {"Docs/Secret", true, "Path is Docs/Secret"},
+        {"docs/secret", true, std::nullopt},
+    });
+}
+
+TEST(ExclusionEngineTest, NameRulesTestTheLastComponentOfTheRightKind) {
+    const ExclusionEngine engine({rule(Kind::folderName, "node_modules"), rule(Kind::fileName, "Thumbs.db")},
+                                 kHiddenIncluded);
+    expectProbes(engine, {
+        {"web/node_modules", true, "Folder named node_modules"},
+        {"node_modules", true, "Folder named node_modules"},
+        {"a/b/c/Node_Modules", true, "Folder named node_modules"},
+        {"node_modules", false, std::nullopt},  // a file of that name stays
+        {"node_modules/index.js", false, std::nullopt},
+        {"x/thumbs.db", false, "File named Thumbs.db"},
+        {"x/Thumbs.db", true, std::nullopt},  // a folder of that name stays
+        {"x/Thumbs.db2", false, std::nullopt},
+    });
+}
+
+TEST(ExclusionEngineTest, HiddenItemsComeFirst) {
+    const std::vector<ExclusionRule> rules{rule(Kind::folderName, ".git"), rule(Kind::glob, "**")};
+    expectProbes(ExclusionEngine(rules, kHiddenExcluded), {
+        {".git", true, kHiddenReason},
+        {"src/.env", false, kHiddenReason},
+        {".config/app.json", false, "Matches **"},  // only the last component counts
+        {"", true, std::nullopt},                  // the root is never excluded
+    });
+    expectProbes(ExclusionEngine(rules, kHiddenIncluded), {
+        {".git", true, "Folder named .git"},
+        {"src/.env", false, "Matches **"},
+    });
+    expectProbes(ExclusionEngine({}, kHiddenExcluded), {
+        {".hidden", false, kHiddenReason},
+        {"visible", false, std::nullopt},
+        {"a.b", false, std::nullopt},
+    });
+}
+
+TEST(ExclusionEngineTest, RuleKindsAreTriedInFixedOrder) {
+    // Listed in the reverse of the checking order: the order of the list does not matter
+    // across kinds, only among globs.
+    const ExclusionEngine engine({rule(Kind::glob, "**/*.log"), rule(Kind::glob, "**"),
+                                  rule(Kind::fileExtension, "log"), rule(Kind::fileName, "a.log"),
+                                  rule(Kind::folderName, "logs"), rule(Kind::exactRelativePath, "d/a.log"),
+                                  rule(Kind::exactRelativePath, "d/logs")},
+                                 kHiddenIncluded);
+    expectProbes(engine, {
+        {"d/a.log", false, "Path is d/a.log"},
+        {"d/logs", true, "Path is d/logs"},
+        {"e/logs", true, "Folder named logs"},
+        {"e/a.log", false, "File named a.log"},
+        {"e/b.log", false, "Extension .log"},
+        {"e/b.log", true, "Matches **/*.log"},  // extensions never apply to folders
+        {"e/b.txt", false, "Matches **"},
+    });
+}
+
+TEST(ExclusionEngineTest, GlobsRespectTheirOwnCaseSetting) {
+    const ExclusionEngine engine({rule(Kind::glob, "*.LOG", true), rule(Kind::glob, "build/*")},
+                                 kHiddenIncluded);
+    expectProbes(engine, {
+        {"x.LOG", false, "Matches *.LOG"},
+        {"x.log", false, std::nullopt},
+        {"BUILD/out", false, "Matches build/*"},
+        {"BUILD/out/deeper", false, std::nullopt},
+    });
+}
+
+TEST(ExclusionEngineTest, ValuesAreTrimmedButDescribedAsEntered) {
+    const ExclusionEngine engine({rule(Kind::fileName, "  .DS_Store \n"), rule(Kind::glob, " *.bak\t")},
+                                 kHiddenIncluded);
+    expectProbes(engine, {
+        {".DS_Store", false, "File named   .DS_Store \n"},
+        {"a/.ds_store", false, "File named   .DS_Store \n"},
+        {"x.bak", false, "Matches  *.bak\t"},
+    });
+}
+
+TEST(ExclusionEngineTest, DisabledRulesAreIgnored) {
+    const ExclusionEngine engine({rule(Kind::folderName, "cache", false, false), rule(Kind::glob, "**", false, false)},
+                                 kHiddenIncluded);
+    expectProbes(engine, {{"cache", true, std::nullopt}, {"a/b", false, std::nullopt}});
+}
+
+TEST(ExclusionEngineTest, ComparesInNormalisationFormC) {
+    const std::string precomposed = "caf\u00e9";
+    const std::string decomposed = "cafe\u0301";
+    const ExclusionEngine engine({rule(Kind::folderName, precomposed), rule(Kind::fileName, decomposed + ".txt"),
+                                  rule(Kind::exactRelativePath, "x/" + precomposed, true),
+                                  rule(Kind::glob, "**/" + precomposed + "*.jpg")},
+                                 kHiddenIncluded);
+    expectProbes(engine, {
+        {"photos/" + decomposed, true, "Folder named " + precomposed},
+        {"photos/" + precomposed + ".txt", false, "File named " + decomposed + ".txt"},
+        {"x/" + decomposed, false, "Path is x/" + precomposed},
+        {"a/b/" + decomposed + "-1.jpg", false, "Matches **/" + precomposed + "*.jpg"},
+        {"a/b/cafe-1.jpg", false, std::nullopt},
+    });
+    // Non-ASCII case folding for names.
+    const ExclusionEngine folded({rule(Kind::folderName, "\u00c9T\u00c9")}, kHiddenIncluded);
+    expectProbes(folded, {{"\u00e9t\u00e9", true, "Folder named \u00c9T\u00c9"}});
+}
+
+}  // namespace
+
+}  // namespace varnel::testing
