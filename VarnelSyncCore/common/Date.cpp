@@ -9,9 +9,17 @@ namespace varnel {
 
 using namespace std::chrono;
 
+namespace {
+
+// Date counts nanoseconds, so it spans roughly the years 1678 to 2261. Stored dates
+// beyond that are clamped rather than wrapped into a wrong year.
+constexpr sys_days kEarliestDay = sys_days(year{1700} / January / 1);
+constexpr sys_days kLatestDay = sys_days(year{2250} / December / 31);
+
+}  // namespace
+
 Date distantPast() {
-    // Year 0001, as far back as a calendar computation ever needs to go.
-    return Date(sys_days(year{1} / January / 1));
+    return Date(kEarliestDay);
 }
 
 std::string formatISO8601(Date date) {
@@ -82,6 +90,8 @@ std::optional<Date> parseISO8601(std::string_view text) {
     if (at != text.size()) return std::nullopt;
     const year_month_day ymd{year{y}, month{static_cast<unsigned>(mo)}, day{static_cast<unsigned>(d)}};
     if (!ymd.ok() || h > 23 || mi > 59 || s > 60) return std::nullopt;
+    if (sys_days(ymd) < kEarliestDay) return distantPast();
+    if (sys_days(ymd) > kLatestDay) return Date(kLatestDay);
     const auto local = sys_days(ymd) + hours(h) + minutes(mi) + seconds(s);
     return time_point_cast<system_clock::duration>(local - offset + fraction);
 }

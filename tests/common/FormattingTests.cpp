@@ -41,6 +41,10 @@ TEST(DateTest, ISO8601SecondsInUTC) {
     EXPECT_EQ(formatISO8601(*parseISO8601("2026-03-01T10:30:00+01:00")), "2026-03-01T09:30:00Z");
     EXPECT_EQ(formatISO8601(*parseISO8601("2026-03-01T09:30:00.999Z")), "2026-03-01T09:30:00Z");
     EXPECT_EQ(formatISO8601(*parseISO8601("1969-12-31T23:59:59Z")), "1969-12-31T23:59:59Z");
+    // Beyond what a nanosecond clock can hold: clamped, never wrapped into another year.
+    EXPECT_EQ(formatISO8601(*parseISO8601("9999-12-31T23:59:59Z")), "2250-12-31T00:00:00Z");
+    EXPECT_EQ(*parseISO8601("0001-01-01T00:00:00Z"), distantPast());
+    EXPECT_EQ(formatISO8601(distantPast()), "1700-01-01T00:00:00Z");
     for (const char* bad : {"", "2026-03-01", "2026-03-01T09:30:00", "2026-13-01T09:30:00Z", "2026-02-30T00:00:00Z",
                             "2026-03-01T09:30:00Zjunk", "2026-03-01 09:30:00Z"}) {
         EXPECT_FALSE(parseISO8601(bad)) << bad;
