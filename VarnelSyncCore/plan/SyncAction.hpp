@@ -1,0 +1,32 @@
+#pragma once
+
+#include "model/RelativePath.hpp"
+#include "plan/SyncActionReason.hpp"
+#include "plan/SyncActionType.hpp"
+#include "scan/FileSystemEntry.hpp"
+
+#include <nlohmann/json_fwd.hpp>
+
+#include <cstdint>
+#include <optional>
+
+namespace varnel {
+
+// One decision of the plan: what happens to one relative path, and why.
+struct SyncAction {
+    SyncActionType type = SyncActionType::warning;
+    RelativePath relativePath;
+    SyncActionReason reason;
+    std::optional<FileSystemEntry> sourceEntry;       // the scanned source item, when there is one
+    std::optional<FileSystemEntry> destinationEntry;  // the scanned destination item, when there is one
+    std::int64_t expectedBytes = 0;                   // what the action is expected to write
+
+    friend bool operator==(const SyncAction&, const SyncAction&) = default;
+};
+
+void to_json(nlohmann::json& json, const FileSystemEntry& entry);
+void from_json(const nlohmann::json& json, FileSystemEntry& entry);
+void to_json(nlohmann::json& json, const SyncAction& action);
+void from_json(const nlohmann::json& json, SyncAction& action);
+
+}  // namespace varnel

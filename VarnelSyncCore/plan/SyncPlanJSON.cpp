@@ -1,0 +1,192 @@
+// JSON coding of the plan and its parts. Keys are the field names; optionals are
+// written only when present.
+#include "common/DecodingError.hpp"
+#include "plan/PlanNote.hpp"
+#include "plan/SyncAction.hpp"
+#include "plan/SyncPlan.hpp"
+#include "plan/SyncPlanSummary.hpp"
+
+#include <nlohmann/json.hpp>
+
+namespace varnel {
+
+namespace {
+
+using Json = nlohmann::json;
+
+template <typename T>
+void putOptional(Json& json, const char* key, const std::optional<T>& value) {
+    if (value) json[key] = *value;
+}
+
+template <typename T>
+std::optional<T> getOptional(const Json& json, const char* key) {
+    const auto found = json.find(key);
+    if (found == json.end() || found->is_null()) return std::nullopt;
+    return found->get<T>();
+}
+
+// Every summary field with its key, in declaration order.
+template <typename Summary, typename Visit>
+void forEachSummaryField(Summary& s, Visit&& visit) {
+    visit("directoriesToCreate", s.directoriesToCreate);
+    visit("filesToCopy", s.filesToCopy);
+    visit("filesToUpdate", s.filesToUpdate);
+    visit("filesUnchanged", s.filesUnchanged);
+    visit("symlinksToCreate", s.symlinksToCreate);
+    visit("symlinksToUpdate", s.symlinksToUpdate);
+    visit("itemsToArchive", s.itemsToArchive);
+    visit("itemsExcluded", s.itemsExcluded);
+    visit("itemsUnsupported", s.itemsUnsupported);
+    visit("warningCount", s.warningCount);
+    visit("errorCount", s.errorCount);
+    visit("bytesToTransfer", s.bytesToTransfer);
+    visit("bytesToArchive", s.bytesToArchive);
+    visit("bytesBeingReplaced", s.bytesBeingReplaced);
+    visit("largestFileBytes", s.largestFileBytes);
+    visit("totalSourceItemsScanned", s.totalSourceItemsScanned);
+    visit("totalDestinationItemsScanned", s.totalDestinationItemsScanned);
+    visit("filesToDownload", s.filesToDownload);
+    visit("bytesToDownload", s.bytesToDownload);
+    visit("filesSkippedOnlineOnly", s.filesSkippedOnlineOnly);
+    visit("bytesSkippedOnlineOnly", s.bytesSkippedOnlineOnly);
+    visit("onlineOnlyFilesUnchanged", s.onlineOnlyFilesUnchanged);
+    visit("destinationOnlineOnlyFiles", s.destinationOnlineOnlyFiles);
+}
+
+}  // namespace
+
+void to_json(Json& json, const SyncPlanSummary& summary) {
+    json = Json::object();
+    forEachSummaryField(summary, [&](const char* key, std::int64_t value) { json[key] = value; });
+}
+
+void from_json(const Json& json, SyncPlanSummary& summary) {
+    forEachSummaryField(summary, [&](const char* key, std::int64_t& value) {
+        value = json.contains(key) ? json.at(key).get<std::int64_t>() : 0;
+    });
+}
+
+void to_json(Json& json, const PlanNote& note) {
+    json = Json{{"id", note.id}, {"title", note.title}, {"lines", note.lines}};
+}
+
+void from_json(const Json& json, PlanNote& note) {
+    note.id = json.at("id").get<std::string>();
+    note.title = json.at("title").get<std::string>();
+    note.lines = json.at("lines").get<std::vector<std::string>>();
+}
+
+void to_json(Json& json, const FileSystemEntry& entry) {
+    json = Json{{"relativePath", entry.relativePath},
+                {"kind", toString(entry.kind)},
+                {"size", entry.size},
+                {"allocatedBlocks", entry.allocatedBlocks},
+                {"modificationTime", entry.modificationTime},
+                {"posixPermissions", entry.posixPermissions},
+                {"ownerUID", entry.ownerUID},
+                {"ownerGID", entry.ownerGID},
+                {"deviceID", entry.deviceID},
+                {"inode", entry.inode},
+                {"hardLinkCount", entry.hardLinkCount},
+                {"isDataless", entry.isDataless}};
+    putOptional(json, "creationTime", entry.creationTime);
+    putOptional(json, "symlinkTarget", entry.symlinkTarget);
+    if (entry.unsupportedReason) json["unsupportedReason"] = toString(*entry.unsupportedReason);
+}
+
+void from_json(const Json& json, FileSystemEntry& entry) {
+    entry.relativePath = json.at("relativePath").get<RelativePath>();
+    const auto kindText = json.at("kind").get<std::string>();
+    const auto kind = parseEntryKind(kindText);
+    if (!kind) throw DecodingError("Unknown item kind: " + kindText);
+    entry.kind = *kind;
+    entry.size = json.at("size").get<std::int64_t>();
+    entry.allocatedBlocks = json.at("allocatedBlocks").get<std::int64_t>();
+    entry.modificationTime = json.at("modificationTime").get<FileTimestamp>();
+    entry.creationTime = getOptional<FileTimestamp>(json, "creationTime");
+    entry.posixPermissions = json.at("posixPermissions").get<std::uint16_t>();
+    entry.ownerUID = json.at("ownerUID").get<std::uint32_t>();
+    entry.ownerGID = json.at("ownerGID").get<std::uint32_t>();
+    entry.symlinkTarget = getOptional<std::string>(json, "symlinkTarget");
+    entry.unsupportedReason.reset();
+    if (const auto raw = getOptional<std::string>(json, "unsupportedReason")) {
+        entry.unsupportedReason = parseUnsupportedReason(*raw);
+        if (!entry.unsupportedReason) throw DecodingError("Unknown unsupported reason: " + *raw);
+    }
+    entry.deviceID = json.at("deviceID").get<std::uint64_t>();
+    entry.inode = json.at("inode").get<std::uint64_t>();
+    entry.hardLinkCount = json.at("hardLinkCount").get<std::uint32_t>();
+    entry.isDataless = json.at("isDataless").get<bool>();
+}
+
+void to_json(Json& json, const SyncAction& action) {
+    json = Json{{"type", toString(action.type)},
+                {"relativePath", action.relativePath},
+                {"reason", action.reason},
+                {"expectedBytes", action.expectedBytes}};
+    putOptional(json, "sourceEntry", action.sourceEntry);
+    putOptional(json, "destinationEntry", action.destinationEntry);
+}
+
+void from_json(const Json& json, SyncAction& action) {
+    const auto typeText = json.at("type").get<std::string>();
+    const auto type = parseSyncActionType(typeText);
+    if (!type) throw DecodingError("Unknown action type: " + typeText);
+    action.type = *type;
+    action.relativePath = json.at("relativePath").get<RelativePath>();
+    action.reason = json.at("reason").get<SyncActionReason>();
+    action.sourceEntry = getOptional<FileSystemEntry>(json, "sourceEntry");
+    action.destinationEntry = getOptional<FileSystemEntry>(json, "destinationEntry");
+    action.expectedBytes = json.at("expectedBytes").get<std::int64_t>();
+}
+
+void to_json(Json& json, const SyncPlan& plan) {
+    json = Json{{"id", plan.id},
+                {"profileID", plan.profileID},
+                {"mode", plan.mode},
+                {"createdAt", formatISO8601(plan.createdAt)},
+                {"sourceRoot", plan.sourceRoot},
+                {"destinationRoot", plan.destinationRoot},
+                {"actions", plan.actions},
+                {"summary", plan.summary},
+                {"warnings", plan.warnings},
+                {"isSameVolume", plan.isSameVolume},
+                {"destinationFreeBytes", plan.destinationFreeBytes},
+                {"archiveIsOnDestinationVolume", plan.archiveIsOnDestinationVolume},
+                {"notes", plan.notes}};
+    putOptional(json, "sourceVolume", plan.sourceVolume);
+    putOptional(json, "destinationVolume", plan.destinationVolume);
+    putOptional(json, "archiveRoot", plan.archiveRoot);
+    putOptional(json, "sourceCloud", plan.sourceCloud);
+    putOptional(json, "destinationCloud", plan.destinationCloud);
+    putOptional(json, "stagingDirectory", plan.stagingDirectory);
+    putOptional(json, "sourceFreeBytes", plan.sourceFreeBytes);
+}
+
+void from_json(const Json& json, SyncPlan& plan) {
+    plan.id = json.at("id").get<Uuid>();
+    plan.profileID = json.at("profileID").get<Uuid>();
+    plan.mode = json.at("mode").get<SyncMode>();
+    const auto created = parseISO8601(json.at("createdAt").get<std::string>());
+    if (!created) throw DecodingError("Invalid date: " + json.at("createdAt").dump());
+    plan.createdAt = *created;
+    plan.sourceRoot = json.at("sourceRoot").get<std::string>();
+    plan.destinationRoot = json.at("destinationRoot").get<std::string>();
+    plan.actions = json.at("actions").get<std::vector<SyncAction>>();
+    plan.summary = json.at("summary").get<SyncPlanSummary>();
+    plan.warnings = json.at("warnings").get<std::vector<SyncWarning>>();
+    plan.sourceVolume = getOptional<VolumeIdentity>(json, "sourceVolume");
+    plan.destinationVolume = getOptional<VolumeIdentity>(json, "destinationVolume");
+    plan.isSameVolume = json.at("isSameVolume").get<bool>();
+    plan.destinationFreeBytes = json.at("destinationFreeBytes").get<std::int64_t>();
+    plan.archiveRoot = getOptional<std::string>(json, "archiveRoot");
+    plan.archiveIsOnDestinationVolume = json.at("archiveIsOnDestinationVolume").get<bool>();
+    plan.sourceCloud = getOptional<CloudFolderInfo>(json, "sourceCloud");
+    plan.destinationCloud = getOptional<CloudFolderInfo>(json, "destinationCloud");
+    plan.stagingDirectory = getOptional<std::string>(json, "stagingDirectory");
+    plan.sourceFreeBytes = getOptional<std::int64_t>(json, "sourceFreeBytes");
+    plan.notes = json.contains("notes") ? json.at("notes").get<std::vector<PlanNote>>() : std::vector<PlanNote>{};
+}
+
+}  // namespace varnel
