@@ -13,6 +13,7 @@ VARNEL_PACKAGES=(
   libgtest-dev libgmock-dev  # tests
   gettext               # translation of user sentences
   tzdata                # named time zones for the schedule tests
+  e2fsprogs xfsprogs btrfs-progs  # mkfs for the volume tests on loop-mounted ext4, xfs, btrfs
 )
 
 varnel_install_missing_packages() {

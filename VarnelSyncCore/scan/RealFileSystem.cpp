@@ -1,0 +1,403 @@
+#include "scan/RealFileSystem.hpp"
+
+#include "platform/BeneathResolver.hpp"
+#include "platform/ErrnoOr.hpp"
+#include "platform/LinuxVolumeQuery.hpp"
+#include "platform/SystemCall.hpp"
+#include "platform/UniqueFd.hpp"
+#include "scan/POSIXFileError.hpp"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace varnel {
+
+namespace {
+
+class RealRootHandle final : public EndpointRoot::Handle {
+public:
+    explicit RealRootHandle(UniqueFd fd) : fd_(std::move(fd)) {}
+    int fd() const { return fd_.get(); }
+
+private:
+    UniqueFd fd_;
+};
+
+[[noreturn]] void fail(int error, const char* operation, const EndpointRoot& root, const RelativePath& path) {
+    throw POSIXFileError(error, operation, displayPath(root, path));
+}
+
+int rootFdFor(const EndpointRoot& root, const char* operation, const RelativePath& path) {
+    const int fd = RealFileSystem::rootDescriptor(root);
+    if (fd < 0) fail(EBADF, operation, root, path);  // a root opened by another implementation
+    return fd;
+}
+
+// An item as the folder that holds it, opened beneath the root, plus its name there.
+// The root itself is "." inside the root.
+struct ItemLocation {
+    UniqueFd heldParent;  // empty when the parent is the root, whose descriptor the root keeps
+    int parentFd = -1;
+    std::string name;
+};
+
+ErrnoOr<ItemLocation> locate(int rootFd, const RelativePath& path) {
+    ItemLocation location;
+    location.parentFd = rootFd;
+    if (path.isRoot()) {
+        location.name = ".";
+        return location;
+    }
+    location.name = std::string(path.lastComponent());
+    const RelativePath parent = path.parent();
+    if (parent.isRoot()) return location;
+    auto opened = openDirectoryBeneath(rootFd, parent, DirectoryAccess::pathOnly);
+    if (!opened.ok()) return ErrnoOr<ItemLocation>::failure(opened.error());
+    location.heldParent = std::move(opened.value());
+    location.parentFd = location.heldParent.get();
+    return location;
+}
+
+// A failure on the way to the item is reported as a failure of the call that was asked for.
+ItemLocation locateOrThrow(const EndpointRoot& root, const RelativePath& path, const char* operation) {
+    auto location = locate(rootFdFor(root, operation, path), path);
+    if (!location.ok()) fail(location.error(), operation, root, path);
+    return std::move(location.value());
+}
+
+// Links on /proc name an item by its folder's descriptor, so the l*xattr calls reach
+// any kind of item, links included, without opening it (a FIFO or device would react
+// to an open) and without resolving anything again from the root.
+std::string procPath(const ItemLocation& location) {
+    return "/proc/self/fd/" + std::to_string(location.parentFd) + "/" + location.name;
+}
+
+ErrnoOr<std::string> readLinkAt(int dirFd, const char* name, std::size_t expectedLength) {
+    std::string buffer(std::max<std::size_t>(expectedLength + 1, 128), '\0');
+    while (true) {
+        const ssize_t length = ::readlinkat(dirFd, name, buffer.data(), buffer.size());
+        if (length < 0) return ErrnoOr<std::string>::failure(errno);
+        if (static_cast<std::size_t>(length) < buffer.size()) {
+            buffer.resize(static_cast<std::size_t>(length));
+            return buffer;
+        }
+        // The target filled the buffer: it may be longer (the link was replaced meanwhile).
+        if (buffer.size() >= (std::size_t{1} << 20)) return ErrnoOr<std::string>::failure(ENAMETOOLONG);
+        buffer.resize(buffer.size() * 2);
+    }
+}
+
+FileTimestamp timestampOf(const statx_timestamp& value) {
+    return FileTimestamp{static_cast<std::int64_t>(value.tv_sec), static_cast<std::int64_t>(value.tv_nsec)};
+}
+
+FileSystemEntry entryFromStatx(const struct statx& item, RelativePath path) {
+    FileSystemEntry entry;
+    entry.relativePath = std::move(path);
+    entry.kind = entryKindFromMode(item.stx_mode, entry.unsupportedReason);
+    entry.size = entry.kind == EntryKind::regularFile ? static_cast<std::int64_t>(item.stx_size) : 0;
+    entry.allocatedBlocks = static_cast<std::int64_t>(item.stx_blocks);
+    entry.modificationTime = timestampOf(item.stx_mtime);
+    // Only meaningful when the file system answered for it; 0 or less means "none kept".
+    if ((item.stx_mask & STATX_BTIME) != 0 && item.stx_btime.tv_sec >= 1) {
+        entry.creationTime = timestampOf(item.stx_btime);
+    }
+    entry.posixPermissions = static_cast<std::uint16_t>(item.stx_mode & 07777);
+    entry.ownerUID = item.stx_uid;
+    entry.ownerGID = item.stx_gid;
+    entry.deviceID = makedev(item.stx_dev_major, item.stx_dev_minor);
+    entry.inode = item.stx_ino;
+    entry.hardLinkCount = item.stx_nlink;
+    entry.isDataless = false;  // Linux has no online-only files
+    return entry;
+}
+
+// One statx of `name` in `dirFd`, never following it; for a link one readlinkat whose
+// failure leaves the target absent.
+ErrnoOr<FileSystemEntry> statEntry(int dirFd, const char* name, RelativePath path) {
+    struct statx item {};
+    if (::statx(dirFd, name, AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &item) != 0) {
+        return ErrnoOr<FileSystemEntry>::failure(errno);
+    }
+    FileSystemEntry entry = entryFromStatx(item, std::move(path));
+    if (entry.kind == EntryKind::symbolicLink) {
+        auto target = readLinkAt(dirFd, name, static_cast<std::size_t>(item.stx_size));
+        if (target.ok()) entry.symlinkTarget = std::move(target.value());
+    }
+    return entry;
+}
+
+struct DirCloser {
+    void operator()(DIR* dir) const { ::closedir(dir); }
+};
+using DirPointer = std::unique_ptr<DIR, DirCloser>;
+
+// Takes over `fd` (on success and failure alike).
+ErrnoOr<DirPointer> streamOf(UniqueFd fd) {
+    DIR* dir = ::fdopendir(fd.get());
+    if (dir == nullptr) return ErrnoOr<DirPointer>::failure(errno);
+    fd.release();
+    return DirPointer(dir);
+}
+
+ErrnoOr<std::vector<std::string>> readNames(DIR* dir) {
+    std::vector<std::string> names;
+    ::rewinddir(dir);
+    while (true) {
+        errno = 0;
+        const dirent* item = ::readdir(dir);
+        if (item == nullptr) {
+            if (errno != 0) return ErrnoOr<std::vector<std::string>>::failure(errno);
+            return names;
+        }
+        const std::string_view name = item->d_name;
+        if (name == "." || name == "..") continue;
+        names.emplace_back(name);
+    }
+}
+
+class RealOpenDirectory final : public OpenDirectory {
+public:
+    RealOpenDirectory(EndpointRoot root, RelativePath path, DirPointer dir)
+        : root_(std::move(root)), path_(std::move(path)), dir_(std::move(dir)) {}
+
+    const RelativePath& path() const override { return path_; }
+
+    std::vector<std::string> names() override {
+        auto names = readNames(dir_.get());
+        if (!names.ok()) fail(names.error(), "readdir", root_, path_);
+        return std::move(names.value());
+    }
+
+    FileSystemEntry entry(std::string_view name, const RelativePath& childPath) override {
+        // A name with "/" or ".." would walk away from this folder.
+        if (!RelativePath::isValidComponent(name)) fail(EINVAL, "statx", root_, childPath);
+        const std::string ownName(name);
+        auto entry = statEntry(::dirfd(dir_.get()), ownName.c_str(), childPath);
+        if (!entry.ok()) fail(entry.error(), "statx", root_, childPath);
+        return std::move(entry.value());
+    }
+
+private:
+    EndpointRoot root_;  // keeps the root's descriptor alive for messages and lifetime
+    RelativePath path_;
+    DirPointer dir_;
+};
+
+// The no-replace rename where the file system refuses RENAME_NOREPLACE (EINVAL): a hard
+// link never replaces an existing name, and removing the old name completes the move.
+// Folders cannot be hard-linked and some file systems (FAT) have no hard links; then
+// the refusal stands rather than a replacing rename. Returns 0 or the errno.
+int linkThenUnlink(const ItemLocation& source, const ItemLocation& target) {
+    if (::linkat(source.parentFd, source.name.c_str(), target.parentFd, target.name.c_str(), 0) != 0) {
+        const int error = errno;
+        return (error == EPERM || error == EOPNOTSUPP) ? EINVAL : error;
+    }
+    if (::unlinkat(source.parentFd, source.name.c_str(), 0) != 0) {
+        const int error = errno;
+        ::unlinkat(target.parentFd, target.name.c_str(), 0);  // the new name is the one just made
+        return error;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int RealFileSystem::rootDescriptor(const EndpointRoot& root) {
+    const auto* handle = root.handleAs<RealRootHandle>();
+    return handle != nullptr ? handle->fd() : -1;
+}
+
+EndpointRoot RealFileSystem::openRoot(const std::string& absolutePath) {
+    const int fd = retryOnInterrupt([&] { return ::open(absolutePath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); });
+    if (fd < 0) throw POSIXFileError(errno, "open", absolutePath);
+    return EndpointRoot(absolutePath, std::make_shared<RealRootHandle>(UniqueFd(fd)));
+}
+
+FileSystemEntry RealFileSystem::entry(const EndpointRoot& root, const RelativePath& path) {
+    const auto location = locateOrThrow(root, path, "statx");
+    auto entry = statEntry(location.parentFd, location.name.c_str(), path);
+    if (!entry.ok()) fail(entry.error(), "statx", root, path);
+    return std::move(entry.value());
+}
+
+bool RealFileSystem::exists(const EndpointRoot& root, const RelativePath& path) {
+    const int rootFd = rootDescriptor(root);
+    if (rootFd < 0) return false;
+    auto location = locate(rootFd, path);
+    if (!location.ok()) return false;
+    struct stat status {};
+    return ::fstatat(location.value().parentFd, location.value().name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+std::string RealFileSystem::readLink(const EndpointRoot& root, const RelativePath& path) {
+    const auto location = locateOrThrow(root, path, "readlink");
+    auto target = readLinkAt(location.parentFd, location.name.c_str(), 0);
+    if (!target.ok()) fail(target.error(), "readlink", root, path);
+    return std::move(target.value());
+}
+
+std::optional<std::string> RealFileSystem::extendedAttribute(const EndpointRoot& root, const RelativePath& path,
+                                                             const std::string& name) {
+    const auto location = locateOrThrow(root, path, "getxattr");
+    const std::string item = procPath(location);
+    while (true) {
+        const ssize_t size = ::lgetxattr(item.c_str(), name.c_str(), nullptr, 0);
+        if (size < 0) {
+            if (errno == ENODATA) return std::nullopt;
+            fail(errno, "getxattr", root, path);
+        }
+        std::string value(static_cast<std::size_t>(size), '\0');
+        const ssize_t read = ::lgetxattr(item.c_str(), name.c_str(), value.data(), value.size());
+        if (read >= 0) {
+            value.resize(static_cast<std::size_t>(read));
+            return value;
+        }
+        if (errno == ENODATA) return std::nullopt;  // removed meanwhile
+        if (errno != ERANGE) fail(errno, "getxattr", root, path);
+        // ERANGE: the value grew between the two calls; ask again.
+    }
+}
+
+std::vector<std::string> RealFileSystem::extendedAttributeNames(const EndpointRoot& root, const RelativePath& path) {
+    const auto location = locateOrThrow(root, path, "listxattr");
+    const std::string item = procPath(location);
+    while (true) {
+        const ssize_t size = ::llistxattr(item.c_str(), nullptr, 0);
+        if (size < 0) fail(errno, "listxattr", root, path);
+        std::string buffer(static_cast<std::size_t>(size), '\0');
+        const ssize_t read = ::llistxattr(item.c_str(), buffer.data(), buffer.size());
+        if (read < 0) {
+            if (errno == ERANGE) continue;  // a name was added meanwhile
+            fail(errno, "listxattr", root, path);
+        }
+        // The names follow each other, each ended by a NUL.
+        std::vector<std::string> names;
+        std::size_t start = 0;
+        const auto end = static_cast<std::size_t>(read);
+        while (start < end) {
+            const std::size_t stop = buffer.find('\0', start);
+            const std::size_t length = (stop == std::string::npos || stop > end ? end : stop) - start;
+            if (length > 0) names.push_back(buffer.substr(start, length));
+            start += length + 1;
+        }
+        return names;
+    }
+}
+
+std::vector<std::string> RealFileSystem::listDirectory(const EndpointRoot& root, const RelativePath& path) {
+    auto fd = openDirectoryBeneath(rootFdFor(root, "opendir", path), path, DirectoryAccess::read);
+    if (!fd.ok()) fail(fd.error(), "opendir", root, path);
+    auto dir = streamOf(std::move(fd.value()));
+    if (!dir.ok()) fail(dir.error(), "opendir", root, path);
+    auto names = readNames(dir.value().get());
+    if (!names.ok()) fail(names.error(), "readdir", root, path);
+    return std::move(names.value());
+}
+
+std::unique_ptr<OpenDirectory> RealFileSystem::openDirectory(const EndpointRoot& root, const RelativePath& path) {
+    auto fd = openDirectoryBeneath(rootFdFor(root, "opendir", path), path, DirectoryAccess::read);
+    if (!fd.ok()) fail(fd.error(), "opendir", root, path);
+    auto dir = streamOf(std::move(fd.value()));
+    if (!dir.ok()) fail(dir.error(), "opendir", root, path);
+    return std::make_unique<RealOpenDirectory>(root, path, std::move(dir.value()));
+}
+
+void RealFileSystem::makeDirectory(const EndpointRoot& root, const RelativePath& path, std::uint16_t mode) {
+    const auto location = locateOrThrow(root, path, "mkdir");
+    if (::mkdirat(location.parentFd, location.name.c_str(), mode) != 0) fail(errno, "mkdir", root, path);
+}
+
+void RealFileSystem::makeSymbolicLink(const EndpointRoot& root, const RelativePath& path, const std::string& target) {
+    const auto location = locateOrThrow(root, path, "symlink");
+    if (::symlinkat(target.c_str(), location.parentFd, location.name.c_str()) != 0) {
+        fail(errno, "symlink", root, path);
+    }
+}
+
+void RealFileSystem::removeFile(const EndpointRoot& root, const RelativePath& path) {
+    const auto location = locateOrThrow(root, path, "unlink");
+    if (::unlinkat(location.parentFd, location.name.c_str(), 0) != 0) fail(errno, "unlink", root, path);
+}
+
+void RealFileSystem::removeDirectory(const EndpointRoot& root, const RelativePath& path) {
+    const auto location = locateOrThrow(root, path, "rmdir");
+    if (::unlinkat(location.parentFd, location.name.c_str(), AT_REMOVEDIR) != 0) fail(errno, "rmdir", root, path);
+}
+
+void RealFileSystem::rename(const EndpointRoot& fromRoot, const RelativePath& from, const EndpointRoot& toRoot,
+                            const RelativePath& to, RenameMode mode) {
+    const auto source = locateOrThrow(fromRoot, from, "rename");
+    const auto target = locateOrThrow(toRoot, to, "rename");
+    const unsigned flags = mode == RenameMode::noReplace ? RENAME_NOREPLACE : 0;
+    int error = 0;
+    if (::renameat2(source.parentFd, source.name.c_str(), target.parentFd, target.name.c_str(), flags) != 0) {
+        error = errno;
+        if (error == EINVAL && mode == RenameMode::noReplace) error = linkThenUnlink(source, target);
+    }
+    if (error == 0) return;
+    // A name that is taken is a fact about the target; everything else names the source.
+    if (error == EEXIST || error == ENOTEMPTY) fail(error, "rename", toRoot, to);
+    fail(error, "rename", fromRoot, from);
+}
+
+void RealFileSystem::setPermissions(const EndpointRoot& root, const RelativePath& path, std::uint16_t mode) {
+    const auto location = locateOrThrow(root, path, "chmod");
+    // Never follows a final link; a link itself has no mode on Linux, so glibc answers
+    // EOPNOTSUPP for it, which is what the caller should see.
+    if (::fchmodat(location.parentFd, location.name.c_str(), mode & 07777, AT_SYMLINK_NOFOLLOW) != 0) {
+        fail(errno, "chmod", root, path);
+    }
+}
+
+void RealFileSystem::setOwner(const EndpointRoot& root, const RelativePath& path, std::uint32_t uid,
+                              std::uint32_t gid) {
+    const auto location = locateOrThrow(root, path, "lchown");
+    if (::fchownat(location.parentFd, location.name.c_str(), uid, gid, AT_SYMLINK_NOFOLLOW) != 0) {
+        fail(errno, "lchown", root, path);
+    }
+}
+
+void RealFileSystem::setTimes(const EndpointRoot& root, const RelativePath& path, FileTimestamp modification,
+                              std::optional<FileTimestamp> access) {
+    const auto location = locateOrThrow(root, path, "utimensat");
+    timespec times[2];
+    times[0] = access ? access->toTimespec() : timespec{0, UTIME_OMIT};
+    times[1] = modification.toTimespec();
+    if (::utimensat(location.parentFd, location.name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+        fail(errno, "utimensat", root, path);
+    }
+}
+
+bool RealFileSystem::existsAtPath(const std::string& absolutePath) {
+    struct stat status {};
+    return ::fstatat(AT_FDCWD, absolutePath.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+FileSystemEntry RealFileSystem::entryAtPath(const std::string& absolutePath) {
+    auto entry = statEntry(AT_FDCWD, absolutePath.c_str(), RelativePath());
+    if (!entry.ok()) throw POSIXFileError(entry.error(), "statx", absolutePath);
+    return std::move(entry.value());
+}
+
+std::string RealFileSystem::canonicalPath(const std::string& absolutePath) {
+    const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(absolutePath.c_str(), nullptr), &std::free);
+    if (!resolved) throw POSIXFileError(errno, "realpath", absolutePath);
+    return resolved.get();
+}
+
+void RealFileSystem::makeDirectoryAtPath(const std::string& absolutePath, std::uint16_t mode) {
+    if (::mkdir(absolutePath.c_str(), mode) != 0) throw POSIXFileError(errno, "mkdir", absolutePath);
+}
+
+VolumeInfo RealFileSystem::volumeInfo(const std::string& absolutePath) { return queryLinuxVolume(absolutePath); }
+
+}  // namespace varnel

@@ -1,0 +1,57 @@
+#pragma once
+
+#include "scan/FileSystemProviding.hpp"
+
+namespace varnel {
+
+// FileSystemProviding on the machine's own disks. Each root is opened once (an O_PATH
+// descriptor held by the root); every item inside is reached by opening its folder
+// beneath that descriptor without following links (see BeneathResolver) and acting on
+// the final name with the *at() calls, so a folder swapped for a link can never lead a
+// call outside the endpoint. Holds no mutable state; safe to share between threads.
+class RealFileSystem final : public FileSystemProviding {
+public:
+    // Whether copies may share data blocks with their source (FICLONE) where the file
+    // system can. Read by the copy engine.
+    bool allowCloning = true;
+
+    RealFileSystem() = default;
+    explicit RealFileSystem(bool allowCloning) : allowCloning(allowCloning) {}
+
+    EndpointRoot openRoot(const std::string& absolutePath) override;
+
+    FileSystemEntry entry(const EndpointRoot& root, const RelativePath& path) override;
+    bool exists(const EndpointRoot& root, const RelativePath& path) override;
+    std::string readLink(const EndpointRoot& root, const RelativePath& path) override;
+    std::optional<std::string> extendedAttribute(const EndpointRoot& root, const RelativePath& path,
+                                                 const std::string& name) override;
+    std::vector<std::string> extendedAttributeNames(const EndpointRoot& root, const RelativePath& path) override;
+
+    std::vector<std::string> listDirectory(const EndpointRoot& root, const RelativePath& path) override;
+    std::unique_ptr<OpenDirectory> openDirectory(const EndpointRoot& root, const RelativePath& path) override;
+
+    void makeDirectory(const EndpointRoot& root, const RelativePath& path, std::uint16_t mode = 0777) override;
+    void makeSymbolicLink(const EndpointRoot& root, const RelativePath& path, const std::string& target) override;
+    void removeFile(const EndpointRoot& root, const RelativePath& path) override;
+    void removeDirectory(const EndpointRoot& root, const RelativePath& path) override;
+
+    void rename(const EndpointRoot& fromRoot, const RelativePath& from, const EndpointRoot& toRoot,
+                const RelativePath& to, RenameMode mode) override;
+
+    void setPermissions(const EndpointRoot& root, const RelativePath& path, std::uint16_t mode) override;
+    void setOwner(const EndpointRoot& root, const RelativePath& path, std::uint32_t uid, std::uint32_t gid) override;
+    void setTimes(const EndpointRoot& root, const RelativePath& path, FileTimestamp modification,
+                  std::optional<FileTimestamp> access = std::nullopt) override;
+
+    bool existsAtPath(const std::string& absolutePath) override;
+    FileSystemEntry entryAtPath(const std::string& absolutePath) override;
+    std::string canonicalPath(const std::string& absolutePath) override;
+    void makeDirectoryAtPath(const std::string& absolutePath, std::uint16_t mode) override;
+    VolumeInfo volumeInfo(const std::string& absolutePath) override;
+
+    // The descriptor of a root this class opened, or -1 for a root from elsewhere. For
+    // the copy engine, which opens files beneath it.
+    static int rootDescriptor(const EndpointRoot& root);
+};
+
+}  // namespace varnel
