@@ -26,6 +26,14 @@ public:
         std::string ruleDescription;
         friend bool operator==(const ExcludedItem&, const ExcludedItem&) = default;
     };
+    // An item or folder that could not be read; the planner lists source ones as errors.
+    struct ReadFailure {
+        RelativePath path;
+        bool isDirectory = false;
+        int errnoValue = 0;
+        std::string detail;  // the low-level error's message
+        friend bool operator==(const ReadFailure&, const ReadFailure&) = default;
+    };
     struct CaseCollision {
         RelativePath kept;
         RelativePath collided;
@@ -51,6 +59,7 @@ public:
     std::int64_t directoriesScanned = 0;
     std::vector<CaseCollision> caseCollisions;
     std::vector<RelativePath> unreadableDirectories;
+    std::vector<ReadFailure> readFailures;
 
 private:
     std::deque<FileSystemEntry> entries_;

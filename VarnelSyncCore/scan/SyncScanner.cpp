@@ -99,6 +99,7 @@ private:
 
     void reportUnlistable(const RelativePath& path, const POSIXFileError& error) {
         result_.unreadableDirectories.push_back(path);
+        result_.readFailures.push_back({path, true, error.errnoValue(), error.message()});
         result_.warnings.emplace_back(
             categoryFor(error.errnoValue()),
             trFormat("Could not list “{}”: {}. Its contents could not be read, so nothing inside it was synchronized "
@@ -154,6 +155,7 @@ private:
         try {
             entry = directory.entry(name, path);
         } catch (const POSIXFileError& error) {
+            result_.readFailures.push_back({path, false, error.errnoValue(), error.message()});
             result_.warnings.emplace_back(categoryFor(error.errnoValue()),
                                           trFormat("Could not read “{}”: {}.", path.description(), error.message()),
                                           path);

@@ -1,0 +1,402 @@
+#include "plan/SyncPlanner.hpp"
+
+#include "common/ByteCount.hpp"
+#include "common/CheckedArithmetic.hpp"
+#include "common/Localization.hpp"
+#include "common/Unicode.hpp"
+#include "transfer/SyncError.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace varnel {
+
+namespace {
+
+using Category = SyncWarning::Category;
+using Reason = SyncActionReason;
+
+constexpr const char* kHiddenDescription = "Hidden files are skipped by this profile";
+
+// How the destination volume tells names apart: canonical form, lower-cased when it
+// ignores case.
+std::string matchKey(const RelativePath& path, bool caseSensitive) {
+    return caseSensitive ? path.canonicalValue() : unicode::toLower(path.canonicalValue());
+}
+
+std::optional<FileSystemEntry> copyOf(const FileSystemEntry* entry) {
+    return entry ? std::optional<FileSystemEntry>(*entry) : std::nullopt;
+}
+
+std::string_view parentKey(std::string_view key) {
+    const std::size_t slash = key.rfind('/');
+    return slash == std::string_view::npos ? std::string_view() : key.substr(0, slash);
+}
+
+// Whether `key` or one of its ancestors is in `folders`.
+bool isAtOrBelow(std::string_view key, const std::unordered_set<std::string>& folders) {
+    if (folders.empty()) return false;
+    if (folders.contains(std::string())) return true;  // the root itself
+    for (std::size_t slash = key.find('/'); slash != std::string_view::npos; slash = key.find('/', slash + 1)) {
+        if (folders.contains(std::string(key.substr(0, slash)))) return true;
+    }
+    return folders.contains(std::string(key));
+}
+
+// Everything one planning pass keeps while it runs.
+class PlanBuilder {
+public:
+    PlanBuilder(const SyncPlanner::Input& input, const FileComparator& comparator)
+        : input_(input), comparator_(comparator), caseSensitive_(input.destinationCaseSensitive) {
+        for (const auto& entry : input.destination.orderedEntries()) {
+            destinationByKey_.try_emplace(matchKey(entry.relativePath, caseSensitive_), &entry);
+        }
+    }
+
+    void planSource(const std::stop_token& stop) {
+        std::unordered_map<std::string, RelativePath> firstSourceWithKey;
+        for (const FileSystemEntry& entry : input_.source.orderedEntries()) {
+            if (stop.stop_requested()) throw SyncError(SyncError::Cancelled{});
+            std::string key = matchKey(entry.relativePath, caseSensitive_);
+            if (unplannedFolders_.contains(std::string(parentKey(key)))) {
+                if (entry.isDirectory()) unplannedFolders_.insert(key);
+                markMatched(key);  // never archive what the source still holds
+                continue;
+            }
+            const auto [first, isFirst] = firstSourceWithKey.try_emplace(key, entry.relativePath);
+            if (!isFirst) {
+                planSourceCollision(entry, first->second);
+                if (entry.isDirectory()) unplannedFolders_.insert(key);
+                continue;
+            }
+            planSourceEntry(entry, key);
+        }
+    }
+
+    void planExcludedAndUnreadable() {
+        std::unordered_set<std::string> listed;
+        for (const auto* scan : {&input_.source, &input_.destination}) {
+            for (const auto& item : scan->excluded) {
+                std::string key = matchKey(item.path, caseSensitive_);
+                excludedKeys_.insert(key);
+                if (!listed.insert(std::move(key)).second) continue;  // excluded on both sides: one row
+                const Reason reason = item.ruleDescription == tr(kHiddenDescription)
+                                          ? Reason(Reason::HiddenFileSkipped{})
+                                          : Reason(Reason::MatchedExclusionRule{item.ruleDescription});
+                emit(others_, SyncAction{SyncActionType::excludeItem, item.path, reason, std::nullopt, std::nullopt, 0});
+            }
+        }
+        for (const auto& collision : input_.source.caseCollisions) {
+            emit(others_, SyncAction{SyncActionType::warning, collision.collided,
+                                     Reason::CaseCollision{collision.kept.value()}, std::nullopt, std::nullopt, 0});
+        }
+        for (const auto& failure : input_.source.readFailures) {
+            const Reason reason = failure.errnoValue == EACCES ? Reason(Reason::PermissionDenied{failure.detail})
+                                                               : Reason(Reason::ScanFailure{failure.detail});
+            emit(others_, SyncAction{SyncActionType::error, failure.path, reason, std::nullopt, std::nullopt, 0});
+        }
+        for (const auto& folder : input_.source.unreadableDirectories) {
+            unreadableSourceKeys_.insert(matchKey(folder, caseSensitive_));
+        }
+    }
+
+    void planMirrorDestinationPass() {
+        if (input_.mode != SyncMode::mirror) return;
+        for (const FileSystemEntry& entry : input_.destination.orderedEntries()) {
+            const std::string key = matchKey(entry.relativePath, caseSensitive_);
+            if (matchedDestination_.contains(key)) continue;
+            // An exclusion protects the destination item too.
+            if (isAtOrBelow(key, excludedKeys_)) continue;
+            // What the source could not list cannot be judged missing.
+            if (isAtOrBelow(key, unreadableSourceKeys_)) continue;
+            archive(entry, Reason::NotPresentInSource{});
+        }
+    }
+
+    SyncPlan finish(SyncPlan plan) {
+        plan.summary = summary_;
+        plan.summary.totalSourceItemsScanned = static_cast<std::int64_t>(input_.source.size());
+        plan.summary.totalDestinationItemsScanned = static_cast<std::int64_t>(input_.destination.size());
+        for (const auto& entry : input_.destination.orderedEntries()) {
+            if (entry.isRegularFile() && entry.isDataless) ++plan.summary.destinationOnlineOnlyFiles;
+        }
+
+        auto& warnings = plan.warnings;
+        warnings = input_.preflightWarnings;
+        warnings.insert(warnings.end(), input_.source.warnings.begin(), input_.source.warnings.end());
+        warnings.insert(warnings.end(), input_.destination.warnings.begin(), input_.destination.warnings.end());
+        warnings.insert(warnings.end(), warnings_.begin(), warnings_.end());
+        addRunWarnings(warnings, plan.summary);
+        plan.summary.warningCount = static_cast<std::int64_t>(warnings.size());
+
+        sortActionsForExecution(creations_, files_, archives_, others_, plan.actions);
+        plan.notes = cloudFolderNotes(plan);
+        return plan;
+    }
+
+private:
+    void planSourceCollision(const FileSystemEntry& entry, const RelativePath& earlier) {
+        emit(others_, SyncAction{SyncActionType::warning, entry.relativePath, Reason::CaseCollision{earlier.value()},
+                                 entry, std::nullopt, 0});
+        warnings_.emplace_back(Category::caseCollision,
+                               trFormat("“{}” cannot be distinguished from another source item on the destination "
+                                        "volume's naming rules. It was skipped so the two cannot overwrite each other.",
+                                        entry.relativePath.description()),
+                               entry.relativePath);
+    }
+
+    void planSourceEntry(const FileSystemEntry& source, const std::string& key) {
+        if (source.kind == EntryKind::unsupported) {
+            markMatched(key);
+            emit(others_, SyncAction{SyncActionType::skipUnsupportedItem, source.relativePath,
+                                     Reason::UnsupportedFileType{source.unsupportedReason.value_or(
+                                         UnsupportedReason::unknownType)},
+                                     source, copyOf(findDestination(key)), 0});
+            return;
+        }
+        const FileSystemEntry* destination = findDestination(key);
+        if (!destination) {
+            planNewItem(source, Reason::NotPresentInDestination{});
+            return;
+        }
+        markMatched(key);
+        const auto verdict = comparator_.compare(source, *destination);
+        if (std::holds_alternative<FileComparator::Unchanged>(verdict)) {
+            if (source.isDirectory()) return;  // nothing to do for a folder on both sides
+            if (source.isRegularFile() && source.isDataless) ++summary_.onlineOnlyFilesUnchanged;
+            emit(files_, SyncAction{SyncActionType::preserveUnchangedFile, source.relativePath,
+                                    Reason::IdenticalMetadata{}, source, *destination, 0});
+            return;
+        }
+        const Reason& reason = std::get<FileComparator::Changed>(verdict).reason;
+        if (const auto* typeChange = reason.as<Reason::TypeChanged>()) {
+            planTypeChange(source, *destination, *typeChange, key);
+            return;
+        }
+        if (source.isSymbolicLink()) {
+            emit(files_, SyncAction{SyncActionType::replaceSymlink, source.relativePath, reason, source, *destination, 0});
+            return;
+        }
+        if (skipsOnlineOnly(source)) return;
+        if (reason.is<Reason::TimestampsDifferAmbiguously>()) {
+            warnings_.emplace_back(Category::other,
+                                   trFormat("The destination copy of “{}” is newer than the source. It will be "
+                                            "overwritten because the source is authoritative in a one-way sync.",
+                                            source.relativePath.description()),
+                                   source.relativePath);
+        }
+        countDownload(source);
+        emit(files_, SyncAction{SyncActionType::replaceChangedFile, source.relativePath, reason, source, *destination,
+                                source.size});
+    }
+
+    void planNewItem(const FileSystemEntry& source, const Reason& reason) {
+        switch (source.kind) {
+            case EntryKind::directory:
+                emit(creations_, SyncAction{SyncActionType::createDirectory, source.relativePath, reason, source,
+                                            std::nullopt, 0});
+                break;
+            case EntryKind::regularFile:
+                if (skipsOnlineOnly(source)) return;
+                countDownload(source);
+                emit(files_, SyncAction{SyncActionType::copyNewFile, source.relativePath, reason, source, std::nullopt,
+                                        source.size});
+                break;
+            case EntryKind::symbolicLink:
+                emit(files_, SyncAction{SyncActionType::createSymlink, source.relativePath, reason, source,
+                                        std::nullopt, 0});
+                break;
+            case EntryKind::unsupported:
+                break;  // handled before
+        }
+    }
+
+    void planTypeChange(const FileSystemEntry& source, const FileSystemEntry& destination,
+                        const Reason::TypeChanged& change, const std::string& key) {
+        if (input_.mode == SyncMode::mirror) {
+            // Move the old item aside, then create the source's item in its place.
+            archive(destination, change);
+            planNewItem(source, change);
+            return;
+        }
+        emit(others_, SyncAction{SyncActionType::error, source.relativePath, change, source, destination, 0});
+        if (source.isDirectory()) {
+            unplannedFolders_.insert(key);
+            warnings_.emplace_back(Category::other,
+                                   trFormat("“{}” is a folder in the source but a {} in the destination. Update mode "
+                                            "will not replace it; its contents were not planned.",
+                                            source.relativePath.description(), kindWord(destination.kind)),
+                                   source.relativePath);
+        }
+    }
+
+    // Under the skip policy an online-only source file is not read; its destination copy
+    // stays as it is.
+    bool skipsOnlineOnly(const FileSystemEntry& source) {
+        if (!source.isDataless || input_.onlineOnlyPolicy != OnlineOnlyPolicy::skip) return false;
+        emit(files_, SyncAction{SyncActionType::skipOnlineOnlyFile, source.relativePath, Reason::OnlineOnlyInSource{},
+                                source, copyOf(findDestination(matchKey(source.relativePath, caseSensitive_))), 0});
+        return true;
+    }
+
+    void countDownload(const FileSystemEntry& source) {
+        if (!source.isDataless) return;
+        ++summary_.filesToDownload;
+        summary_.bytesToDownload = checkedAdd(summary_.bytesToDownload, source.size, "bytes to download");
+    }
+
+    void archive(const FileSystemEntry& destination, const Reason& reason) {
+        emit(archives_, SyncAction{SyncActionType::archiveDestinationItem, destination.relativePath, reason,
+                                   std::nullopt, destination, 0});
+    }
+
+    const FileSystemEntry* findDestination(const std::string& key) const {
+        const auto found = destinationByKey_.find(key);
+        return found == destinationByKey_.end() ? nullptr : found->second;
+    }
+
+    void markMatched(const std::string& key) { matchedDestination_.insert(key); }
+
+    // Adds the action to its list and counts it.
+    void emit(std::vector<SyncAction>& list, SyncAction action) {
+        auto& s = summary_;
+        const std::int64_t destinationSize = action.destinationEntry ? action.destinationEntry->size : 0;
+        switch (action.type) {
+            case SyncActionType::createDirectory: ++s.directoriesToCreate; break;
+            case SyncActionType::copyNewFile: ++s.filesToCopy; break;
+            case SyncActionType::replaceChangedFile:
+                ++s.filesToUpdate;
+                s.bytesBeingReplaced = checkedAdd(s.bytesBeingReplaced, destinationSize, "bytes being replaced");
+                break;
+            case SyncActionType::preserveUnchangedFile: ++s.filesUnchanged; break;
+            case SyncActionType::createSymlink: ++s.symlinksToCreate; break;
+            case SyncActionType::replaceSymlink: ++s.symlinksToUpdate; break;
+            case SyncActionType::archiveDestinationItem:
+                ++s.itemsToArchive;
+                s.bytesToArchive = checkedAdd(s.bytesToArchive, destinationSize, "bytes to archive");
+                break;
+            case SyncActionType::excludeItem: ++s.itemsExcluded; break;
+            case SyncActionType::skipUnsupportedItem: ++s.itemsUnsupported; break;
+            case SyncActionType::skipOnlineOnlyFile:
+                ++s.filesSkippedOnlineOnly;
+                s.bytesSkippedOnlineOnly = checkedAdd(s.bytesSkippedOnlineOnly, action.sourceEntry->size,
+                                                      "bytes skipped online-only");
+                break;
+            case SyncActionType::error: ++s.errorCount; break;
+            case SyncActionType::warning: break;
+        }
+        if (action.type == SyncActionType::copyNewFile || action.type == SyncActionType::replaceChangedFile) {
+            s.bytesToTransfer = checkedAdd(s.bytesToTransfer, action.expectedBytes, "bytes to transfer");
+            s.largestFileBytes = std::max(s.largestFileBytes, action.expectedBytes);
+        }
+        list.push_back(std::move(action));
+    }
+
+    void addRunWarnings(std::vector<SyncWarning>& warnings, const SyncPlanSummary& summary) const {
+        if (input_.mode == SyncMode::mirror && !input_.source.unreadableDirectories.empty()) {
+            warnings.emplace_back(
+                Category::scanError,
+                trFormat("{} source folder(s) could not be read. Nothing inside the matching destination folders will "
+                         "be removed, because Varnel Sync cannot tell what is genuinely missing. Resolve the errors "
+                         "and analyze again for a complete mirror.",
+                         input_.source.unreadableDirectories.size()));
+        }
+        if (input_.mode == SyncMode::mirror && summary.itemsToArchive > 0 && !input_.archiveIsOnDestinationVolume) {
+            warnings.emplace_back(Category::archiveOnDifferentVolume,
+                                  trFormat("The archive folder is not on the destination volume, so archived items "
+                                           "must be copied rather than moved. This is slower and needs {} of extra "
+                                           "space.",
+                                           formatByteCount(summary.bytesToArchive)));
+        }
+        if (summary.filesSkippedOnlineOnly > 0) {
+            warnings.emplace_back(Category::onlineOnlyFile,
+                                  trFormat("{} online-only source files ({}) were not downloaded, because this profile "
+                                           "skips them. Their copies in the destination were left as they are.",
+                                           summary.filesSkippedOnlineOnly,
+                                           formatByteCount(summary.bytesSkippedOnlineOnly)));
+        }
+    }
+
+    const SyncPlanner::Input& input_;
+    const FileComparator& comparator_;
+    const bool caseSensitive_;
+
+    std::unordered_map<std::string, const FileSystemEntry*> destinationByKey_;
+    std::unordered_set<std::string> matchedDestination_;
+    std::unordered_set<std::string> unplannedFolders_;
+    std::unordered_set<std::string> excludedKeys_;
+    std::unordered_set<std::string> unreadableSourceKeys_;
+
+    std::vector<SyncAction> creations_, files_, archives_, others_;
+    std::vector<SyncWarning> warnings_;
+    SyncPlanSummary summary_;
+};
+
+std::size_t depthOf(const SyncAction& action) {
+    const std::string& value = action.relativePath.value();
+    return value.empty() ? 0 : static_cast<std::size_t>(std::count(value.begin(), value.end(), '/')) + 1;
+}
+
+// Sorts by (depth, path text) without recounting components in every comparison.
+void sortByDepth(std::vector<SyncAction>& actions, bool deepestFirst) {
+    std::vector<std::pair<std::size_t, std::size_t>> order;  // (depth, index)
+    order.reserve(actions.size());
+    for (std::size_t i = 0; i < actions.size(); ++i) order.emplace_back(depthOf(actions[i]), i);
+    std::sort(order.begin(), order.end(), [&](const auto& a, const auto& b) {
+        if (a.first != b.first) return deepestFirst ? a.first > b.first : a.first < b.first;
+        const std::string& pathA = actions[a.second].relativePath.value();
+        const std::string& pathB = actions[b.second].relativePath.value();
+        return deepestFirst ? pathA > pathB : pathA < pathB;
+    });
+    std::vector<SyncAction> sorted;
+    sorted.reserve(actions.size());
+    for (const auto& [depth, index] : order) sorted.push_back(std::move(actions[index]));
+    actions = std::move(sorted);
+}
+
+}  // namespace
+
+void sortActionsForExecution(std::vector<SyncAction>& creations, std::vector<SyncAction>& files,
+                             std::vector<SyncAction>& archives, std::vector<SyncAction>& others,
+                             std::vector<SyncAction>& into) {
+    sortByDepth(creations, false);
+    sortByDepth(files, false);
+    sortByDepth(archives, true);
+    sortByDepth(others, false);
+    into.clear();
+    into.reserve(creations.size() + files.size() + archives.size() + others.size());
+    for (auto* list : {&creations, &files, &archives, &others}) {
+        std::move(list->begin(), list->end(), std::back_inserter(into));
+        list->clear();
+    }
+}
+
+SyncPlan SyncPlanner::plan(const Input& input, std::stop_token stop) const {
+    PlanBuilder builder(input, comparator_);
+    builder.planExcludedAndUnreadable();
+    builder.planSource(stop);
+    builder.planMirrorDestinationPass();
+
+    SyncPlan plan;
+    plan.id = Uuid::random();
+    plan.profileID = input.profileID;
+    plan.mode = input.mode;
+    plan.createdAt = clock_.now();
+    plan.sourceRoot = input.sourceRoot;
+    plan.destinationRoot = input.destinationRoot;
+    plan.sourceVolume = input.sourceVolume;
+    plan.destinationVolume = input.destinationVolume;
+    plan.isSameVolume = input.isSameVolume;
+    plan.destinationFreeBytes = input.destinationFreeBytes;
+    plan.archiveRoot = input.archiveRoot;
+    plan.archiveIsOnDestinationVolume = input.archiveIsOnDestinationVolume;
+    plan.sourceCloud = input.sourceCloud;
+    plan.destinationCloud = input.destinationCloud;
+    plan.stagingDirectory = input.stagingDirectory;
+    plan.sourceFreeBytes = input.sourceFreeBytes;
+    return builder.finish(std::move(plan));
+}
+
+}  // namespace varnel

@@ -1,0 +1,351 @@
+#include "plan/SyncPlanner.hpp"
+#include "scan/RealFileSystem.hpp"
+#include "scan/SyncScanner.hpp"
+#include "support/FakeFileSystem.hpp"
+#include "support/PlanRendering.hpp"
+#include "support/TemporaryDirectory.hpp"
+#include "transfer/SyncError.hpp"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <sched.h>
+
+namespace varnel {
+namespace {
+
+using testing::renderActions;
+using testing::warningMessages;
+using Category = SyncWarning::Category;
+using Strings = std::vector<std::string>;
+
+struct Options {
+    SyncMode mode = SyncMode::update;
+    bool destinationCaseSensitive = true;
+    std::vector<ExclusionRule> rules{};
+    OnlineOnlyPolicy onlineOnly = OnlineOnlyPolicy::download;
+};
+
+// Scans both folders and plans, as analysis does.
+SyncPlan analyze(FileSystemProviding& fs, const std::string& source, const std::string& destination,
+                 const Options& options = {}, std::stop_token stop = {}) {
+    const SyncScanner scanner(fs, ExclusionEngine(options.rules, HiddenFilePolicy::include));
+    const ScanResult sourceScan = scanner.scan(fs.openRoot(source), EndpointRole::source, true);
+    const ScanResult destinationScan =
+        scanner.scan(fs.openRoot(destination), EndpointRole::destination, options.destinationCaseSensitive);
+    SyncPlanner::Input input{.profileID = Uuid::random(),
+                             .mode = options.mode,
+                             .sourceRoot = source,
+                             .destinationRoot = destination,
+                             .source = sourceScan,
+                             .destination = destinationScan,
+                             .destinationFreeBytes = 1'000'000'000,
+                             .destinationCaseSensitive = options.destinationCaseSensitive,
+                             .onlineOnlyPolicy = options.onlineOnly};
+    const SyncPlanner planner(FileComparator(FileComparator::kHighPrecisionToleranceNanoseconds));
+    return planner.plan(input, stop);
+}
+
+void setTime(const std::filesystem::path& path, int seconds) {
+    const timespec times[2] = {{seconds, 0}, {seconds, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
+}
+
+class RealPairTest : public ::testing::Test {
+protected:
+    std::string source() const { return (temp.path() / "src").string(); }
+    std::string destination() const { return (temp.path() / "dst").string(); }
+    void write(const std::string& relative, const std::string& contents, int seconds = 1'700'000'000) {
+        setTime(temp.writeFile(relative, contents), seconds);
+    }
+
+    testing::TemporaryDirectory temp;
+    RealFileSystem fs;
+};
+
+TEST_F(RealPairTest, UpdateAndMirrorOnTheSamePair) {
+    write("src/new.txt", "12345");
+    write("src/same.txt", "same");
+    write("dst/same.txt", "same");
+    write("src/changed.txt", "longer text");
+    write("dst/changed.txt", "short");
+    write("src/sub/inner.txt", "abc");
+    std::filesystem::create_directories(temp.path() / "src/empty");
+    std::filesystem::create_directories(temp.path() / "dst/sub");
+    std::filesystem::create_symlink("new.txt", temp.path() / "src/link");
+    write("dst/only-here.txt", "old");
+    write("dst/gone/deep/old.txt", "old");
+
+    const Strings common = {"createDirectory empty",         "replaceChangedFile changed.txt",
+                            "createSymlink link",            "copyNewFile new.txt",
+                            "preserveUnchangedFile same.txt", "copyNewFile sub/inner.txt"};
+    const SyncPlan update = analyze(fs, source(), destination());
+    EXPECT_EQ(renderActions(update), common);
+    EXPECT_EQ(update.summary.filesToCopy, 2);
+    EXPECT_EQ(update.summary.filesToUpdate, 1);
+    EXPECT_EQ(update.summary.filesUnchanged, 1);
+    EXPECT_EQ(update.summary.symlinksToCreate, 1);
+    EXPECT_EQ(update.summary.directoriesToCreate, 1);
+    EXPECT_EQ(update.summary.itemsToArchive, 0);
+    EXPECT_EQ(update.summary.bytesToTransfer, 5 + 11 + 3);
+    EXPECT_EQ(update.summary.bytesBeingReplaced, 5);
+    EXPECT_EQ(update.summary.largestFileBytes, 11);
+    EXPECT_EQ(update.summary.totalSourceItemsScanned, 7);
+    EXPECT_EQ(update.summary.totalDestinationItemsScanned, 7);
+    EXPECT_EQ(update.actions[1].reason, SyncActionReason(SyncActionReason::SizeDiffers{11, 5}));
+
+    Strings mirrored = common;
+    for (const char* archived : {"gone/deep/old.txt", "gone/deep", "only-here.txt", "gone"}) {
+        mirrored.push_back(std::string("archiveDestinationItem ") + archived);
+    }
+    const SyncPlan mirror = analyze(fs, source(), destination(), {.mode = SyncMode::mirror});
+    EXPECT_EQ(renderActions(mirror), mirrored);
+    EXPECT_EQ(mirror.summary.itemsToArchive, 4);
+    EXPECT_EQ(mirror.summary.bytesToArchive, 3 + 3);
+    EXPECT_EQ(mirror.actions.back().reason, SyncActionReason(SyncActionReason::NotPresentInSource{}));
+}
+
+TEST_F(RealPairTest, DecomposedSourceNameMatchesPrecomposedDestinationName) {
+    write("src/Cafe\xCC\x81.txt", "menu");  // e + combining acute
+    write("dst/Caf\xC3\xA9.txt", "menu");   // precomposed
+    const SyncPlan plan = analyze(fs, source(), destination(), {.mode = SyncMode::mirror});
+    ASSERT_EQ(plan.actions.size(), 1u);
+    EXPECT_EQ(plan.actions[0].type, SyncActionType::preserveUnchangedFile);
+    EXPECT_EQ(plan.summary.itemsToArchive, 0);
+}
+
+TEST_F(RealPairTest, TypeChangeIsAnErrorInUpdateAndArchiveThenCreateInMirror) {
+    write("src/x/child.txt", "c");
+    write("dst/x", "a file where the source has a folder");
+
+    const SyncPlan update = analyze(fs, source(), destination());
+    EXPECT_EQ(renderActions(update), (Strings{"error x"}));
+    EXPECT_EQ(update.actions[0].reason,
+              SyncActionReason(SyncActionReason::TypeChanged{EntryKind::regularFile, EntryKind::directory}));
+    EXPECT_EQ(update.summary.errorCount, 1);
+    EXPECT_EQ(warningMessages(update, Category::other),
+              (Strings{"“x” is a folder in the source but a file in the destination. Update mode will not replace "
+                       "it; its contents were not planned."}));
+
+    const SyncPlan mirror = analyze(fs, source(), destination(), {.mode = SyncMode::mirror});
+    EXPECT_EQ(renderActions(mirror), (Strings{"createDirectory x", "copyNewFile x/child.txt", "archiveDestinationItem x"}));
+    EXPECT_TRUE(mirror.actions[0].reason.is<SyncActionReason::TypeChanged>());
+    EXPECT_TRUE(mirror.actions[2].reason.is<SyncActionReason::TypeChanged>());
+    EXPECT_EQ(mirror.summary.errorCount, 0);
+}
+
+TEST_F(RealPairTest, DestinationNewerIsReplacedWithAWarning) {
+    write("src/doc.txt", "v1", 1'700'000'000);
+    write("dst/doc.txt", "v2", 1'700'000'100);
+    const SyncPlan plan = analyze(fs, source(), destination());
+    ASSERT_EQ(renderActions(plan), (Strings{"replaceChangedFile doc.txt"}));
+    EXPECT_TRUE(plan.actions[0].reason.is<SyncActionReason::TimestampsDifferAmbiguously>());
+    EXPECT_EQ(warningMessages(plan, Category::other),
+              (Strings{"The destination copy of “doc.txt” is newer than the source. It will be overwritten because the "
+                       "source is authoritative in a one-way sync."}));
+}
+
+TEST_F(RealPairTest, ExcludedDestinationItemsAreNeverArchived) {
+    write("src/keep.txt", "k");
+    write("dst/keep.txt", "k");
+    write("dst/cache/blob.bin", "b");
+    write("dst/notes.tmp", "t");
+    const std::vector<ExclusionRule> rules = {
+        {Uuid::random(), ExclusionRule::Kind::folderName, "cache", false, true},
+        {Uuid::random(), ExclusionRule::Kind::fileExtension, "tmp", false, true},
+    };
+    const SyncPlan plan = analyze(fs, source(), destination(), {.mode = SyncMode::mirror, .rules = rules});
+    EXPECT_EQ(renderActions(plan), (Strings{"preserveUnchangedFile keep.txt", "excludeItem cache", "excludeItem notes.tmp"}));
+    EXPECT_EQ(plan.actions[1].reason, SyncActionReason(SyncActionReason::MatchedExclusionRule{"Folder named cache"}));
+    EXPECT_EQ(plan.summary.itemsExcluded, 2);
+    EXPECT_EQ(plan.summary.itemsToArchive, 0);
+}
+
+// A folder mounted onto its own descendant is reached twice with the same identity.
+TEST_F(RealPairTest, BindMountedFolderTriggersTheLoopGuard) {
+    if (::geteuid() != 0) GTEST_SKIP() << "bind mounts need root; the loop guard is also covered with the fake";
+    write("src/a/file.txt", "x");
+    std::filesystem::create_directories(temp.path() / "src/a/b/loop");
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // Private mount namespace: the bind mount vanishes with this process.
+        if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(77);
+        const auto a = temp.path() / "src/a";
+        if (::mount(a.c_str(), (a / "b/loop").c_str(), nullptr, MS_BIND, nullptr) != 0) _exit(77);
+        RealFileSystem real;
+        const SyncScanner scanner(real, ExclusionEngine({}, HiddenFilePolicy::include));
+        const ScanResult result = scanner.scan(real.openRoot(source()), EndpointRole::source, true);
+        bool sawLoop = false;
+        for (const auto& warning : result.warnings) {
+            sawLoop |= warning.message ==
+                       "Skipped “a/b/loop” — it resolves to a folder already visited in this scan (filesystem loop).";
+        }
+        _exit(sawLoop && result.entry(*RelativePath::fromString("a/b/loop/file.txt")) == nullptr ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "this machine does not allow a private bind mount";
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "the repeated folder was not reported as a loop";
+}
+
+class FakePairTest : public ::testing::Test {
+protected:
+    testing::FakeFileSystem fs;
+};
+
+TEST_F(FakePairTest, CaseInsensitiveDestinationMatchesNamesThatDifferOnlyInCase) {
+    fs.addFile("/src/Photo.JPG", "jpeg").modificationTime = {100, 0};
+    fs.addFile("/dst/photo.jpg", "jpeg").modificationTime = {100, 0};
+    const SyncPlan one = analyze(fs, "/src", "/dst", {.mode = SyncMode::mirror, .destinationCaseSensitive = false});
+    EXPECT_EQ(renderActions(one), (Strings{"preserveUnchangedFile Photo.JPG"}));
+
+    fs.addFile("/src/photo.jpg", "other").modificationTime = {100, 0};
+    const SyncPlan two = analyze(fs, "/src", "/dst", {.mode = SyncMode::mirror, .destinationCaseSensitive = false});
+    EXPECT_EQ(renderActions(two), (Strings{"preserveUnchangedFile Photo.JPG", "warning photo.jpg"}));
+    EXPECT_EQ(two.actions[1].reason, SyncActionReason(SyncActionReason::CaseCollision{"Photo.JPG"}));
+    EXPECT_EQ(warningMessages(two, Category::caseCollision),
+              (Strings{"“photo.jpg” cannot be distinguished from another source item on the destination volume's "
+                       "naming rules. It was skipped so the two cannot overwrite each other."}));
+
+    // A case-sensitive destination keeps them apart.
+    const SyncPlan sensitive = analyze(fs, "/src", "/dst", {.mode = SyncMode::mirror});
+    EXPECT_EQ(renderActions(sensitive), (Strings{"copyNewFile Photo.JPG", "replaceChangedFile photo.jpg"}));
+}
+
+TEST_F(FakePairTest, UnreadableSourceFolderProtectsItsDestinationTwinInMirror) {
+    fs.addFile("/src/locked/a.txt", "a");
+    fs.addFile("/dst/locked/a.txt", "a");
+    fs.addFile("/dst/locked/b/c.txt", "c");
+    fs.addFile("/dst/stale.txt", "s");
+    fs.failAlways("opendir", EACCES, "/src/locked");
+
+    const SyncPlan plan = analyze(fs, "/src", "/dst", {.mode = SyncMode::mirror});
+    EXPECT_EQ(renderActions(plan), (Strings{"archiveDestinationItem stale.txt", "error locked"}));
+    EXPECT_TRUE(plan.actions[1].reason.is<SyncActionReason::PermissionDenied>());
+    EXPECT_EQ(warningMessages(plan, Category::scanError),
+              (Strings{"1 source folder(s) could not be read. Nothing inside the matching destination folders will be "
+                       "removed, because Varnel Sync cannot tell what is genuinely missing. Resolve the errors and "
+                       "analyze again for a complete mirror."}));
+}
+
+TEST_F(FakePairTest, OnlineOnlyFilesFollowThePolicy) {
+    auto& cloud = fs.addFile("/src/cloud.mov");
+    cloud.logicalSize = 2'000'000;
+    cloud.isDataless = true;
+    fs.addFile("/dst/cloud.mov", "stale copy");
+
+    const SyncPlan skip = analyze(fs, "/src", "/dst", {.mode = SyncMode::mirror, .onlineOnly = OnlineOnlyPolicy::skip});
+    EXPECT_EQ(renderActions(skip), (Strings{"skipOnlineOnlyFile cloud.mov"}));
+    EXPECT_EQ(skip.summary.filesSkippedOnlineOnly, 1);
+    EXPECT_EQ(skip.summary.bytesSkippedOnlineOnly, 2'000'000);
+    EXPECT_EQ(warningMessages(skip, Category::onlineOnlyFile),
+              (Strings{"1 online-only source files (2 MB) were not downloaded, because this profile skips them. Their "
+                       "copies in the destination were left as they are."}));
+
+    const SyncPlan download = analyze(fs, "/src", "/dst", {.onlineOnly = OnlineOnlyPolicy::download});
+    EXPECT_EQ(renderActions(download), (Strings{"replaceChangedFile cloud.mov"}));
+    EXPECT_EQ(download.summary.filesToDownload, 1);
+    EXPECT_EQ(download.summary.bytesToDownload, 2'000'000);
+}
+
+TEST_F(FakePairTest, PlanningStopsWhenCancelled) {
+    fs.addFile("/src/a.txt", "a");
+    fs.addDirectory("/dst");
+    std::stop_source stop;
+    stop.request_stop();
+    try {
+        (void)analyze(fs, "/src", "/dst", {}, stop.get_token());
+        FAIL() << "planning must stop";
+    } catch (const SyncError& error) {
+        EXPECT_EQ(error.code(), "cancelled");
+    }
+}
+
+TEST(ActionOrderTest, ShallowFirstListsAndDeepestFirstArchives) {
+    auto actions = [](SyncActionType type, Strings paths) {
+        std::vector<SyncAction> list;
+        for (const auto& path : paths) list.push_back(SyncAction{type, *RelativePath::fromString(path), {}, {}, {}, 0});
+        return list;
+    };
+    auto creations = actions(SyncActionType::createDirectory, {"a/b", "b", "a", "a/b/c"});
+    auto files = actions(SyncActionType::copyNewFile, {"z", "a/b/f", "a-f"});
+    auto archives = actions(SyncActionType::archiveDestinationItem, {"a", "a/b/c", "b", "a/b", "c/d"});
+    auto others = actions(SyncActionType::excludeItem, {"y/z", "x"});
+    std::vector<SyncAction> sorted;
+    sortActionsForExecution(creations, files, archives, others, sorted);
+    SyncPlan plan;
+    plan.actions = std::move(sorted);
+    EXPECT_EQ(renderActions(plan),
+              (Strings{"createDirectory a", "createDirectory b", "createDirectory a/b", "createDirectory a/b/c",
+                       "copyNewFile a-f", "copyNewFile z", "copyNewFile a/b/f",
+                       "archiveDestinationItem a/b/c", "archiveDestinationItem c/d", "archiveDestinationItem a/b",
+                       "archiveDestinationItem b", "archiveDestinationItem a",
+                       "excludeItem x", "excludeItem y/z"}));
+}
+
+TEST(CloudNoteTest, LinesAppearOnlyWhenTheyApply) {
+    SyncPlan plan;
+    plan.mode = SyncMode::update;
+    plan.sourceCloud = CloudFolderInfo{CloudFolderInfo::Kind::iCloudDrive, "iCloud Drive", {}, {}};
+    auto notes = cloudFolderNotes(plan);
+    ASSERT_EQ(notes.size(), 1u);
+    EXPECT_EQ(notes[0].title, "This source is a cloud folder (iCloud Drive)");
+    EXPECT_EQ(notes[0].lines.size(), 1u) << "only the tolerance line without online-only files";
+
+    plan.mode = SyncMode::mirror;
+    plan.summary.filesSkippedOnlineOnly = 2;
+    plan.summary.bytesSkippedOnlineOnly = 1500;
+    plan.destinationCloud = CloudFolderInfo{CloudFolderInfo::Kind::fileProvider, "Dropbox", {}, std::string("/c")};
+    plan.destinationRoot = "/c/backup";
+    plan.archiveRoot = "/c/backup/.VarnelSync-Archive";
+    plan.stagingDirectory = "/tmp/VarnelSync-Staging/run";
+    notes = cloudFolderNotes(plan);
+    ASSERT_EQ(notes.size(), 2u);
+    EXPECT_EQ(notes[0].lines, (Strings{
+        "Modification times are compared with a two-second tolerance, because cloud services store them less precisely.",
+        "2 online-only files (1.5 KB) are not downloaded, because this profile skips them. Their copies in the "
+        "destination stay as they are.",
+        "If its cloud app is signed out or has not finished listing the folder, the source can look emptier than it "
+        "is. Check the Archive count before you synchronize."}));
+    EXPECT_EQ(notes[1].id, "cloud-destination");
+    ASSERT_EQ(notes[1].lines.size(), 5u);
+    EXPECT_EQ(notes[1].lines[3], "Each file is prepared outside the cloud folder and moved into it only when it is "
+                                 "complete, so unfinished copies are never uploaded.");
+    EXPECT_TRUE(notes[1].lines[4].starts_with("Archived items stay in the cloud folder"));
+}
+
+TEST(SyncPlanJsonTest, RoundTripKeepsEverything) {
+    SyncPlan plan;
+    plan.id = Uuid::random();
+    plan.profileID = Uuid::random();
+    plan.mode = SyncMode::mirror;
+    plan.createdAt = *parseISO8601("2026-03-01T09:30:00Z");
+    plan.sourceRoot = "/s";
+    plan.destinationRoot = "/d";
+    FileSystemEntry entry;
+    entry.relativePath = *RelativePath::fromString("a/b");
+    entry.kind = EntryKind::symbolicLink;
+    entry.symlinkTarget = "../x";
+    entry.creationTime = FileTimestamp{5, 6};
+    plan.actions.push_back(SyncAction{SyncActionType::createSymlink, entry.relativePath,
+                                      SyncActionReason::NotPresentInDestination{}, entry, std::nullopt, 0});
+    plan.summary.filesToCopy = 3;
+    plan.warnings.emplace_back(Category::hardLink, "msg");
+    plan.sourceFreeBytes = 42;
+    plan.notes.push_back(PlanNote{"cloud-source", "t", {"l"}});
+    const nlohmann::json json = plan;
+    EXPECT_FALSE(json.contains("archiveRoot"));
+    EXPECT_EQ(json["summary"]["filesToCopy"], 3);
+    EXPECT_EQ(json.get<SyncPlan>(), plan);
+}
+
+}  // namespace
+}  // namespace varnel

@@ -1,0 +1,241 @@
+#include "scan/RealFileSystem.hpp"
+#include "scan/SyncScanner.hpp"
+#include "support/FakeFileSystem.hpp"
+#include "support/TemporaryDirectory.hpp"
+#include "transfer/PartialFileNaming.hpp"
+#include "transfer/SyncError.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+
+namespace varnel {
+namespace {
+
+using testing::FakeFileSystem;
+using Category = SyncWarning::Category;
+
+ExclusionEngine noRules(HiddenFilePolicy hidden = HiddenFilePolicy::include) {
+    return ExclusionEngine({}, hidden);
+}
+
+std::vector<std::string> pathsOf(const ScanResult& result) {
+    std::vector<std::string> paths;
+    for (const auto& entry : result.orderedEntries()) paths.push_back(entry.relativePath.value());
+    return paths;
+}
+
+std::vector<std::string> messagesOf(const ScanResult& result, Category category) {
+    std::vector<std::string> messages;
+    for (const auto& warning : result.warnings) {
+        if (warning.category == category) messages.push_back(warning.message);
+    }
+    return messages;
+}
+
+class SyncScannerTest : public ::testing::Test {
+protected:
+    ScanResult scan(const ExclusionEngine& exclusions, EndpointRole role = EndpointRole::source,
+                    bool caseSensitive = true, const std::string& root = "/src") {
+        const SyncScanner scanner(fs, exclusions);
+        return scanner.scan(fs.openRoot(root), role, caseSensitive);
+    }
+
+    FakeFileSystem fs;
+};
+
+TEST_F(SyncScannerTest, WalksBreadthFirstAndKeepsEveryEntryOnce) {
+    fs.addFile("/src/top.txt", "x");
+    fs.addFile("/src/a/deep/file.txt", "y");
+    fs.addFile("/src/a/one.txt", "z");
+    fs.addDirectory("/src/b");
+    fs.addSymlink("/src/link", "a/one.txt");
+
+    const ScanResult result = scan(noRules());
+    EXPECT_EQ(pathsOf(result),
+              (std::vector<std::string>{"top.txt", "a", "b", "link", "a/deep", "a/one.txt", "a/deep/file.txt"}));
+    EXPECT_EQ(result.directoriesScanned, 4);  // root, a, b, a/deep
+    EXPECT_TRUE(result.warnings.empty());
+    const FileSystemEntry* found = result.entry(*RelativePath::fromString("a/deep/file.txt"));
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(found->size, 1);
+    EXPECT_EQ(result.entry(*RelativePath::fromString("a/missing")), nullptr);
+}
+
+TEST_F(SyncScannerTest, ExcludedItemsAreRecordedAndNeverEntered) {
+    fs.addFile("/src/.git/config", "x");
+    fs.addFile("/src/web/node_modules/pkg/index.js", "x");
+    fs.addFile("/src/web/app.js", "x");
+    fs.failAlways("opendir", EIO, "/src/web/node_modules");  // entering it would report an error
+
+    ExclusionRule rule{Uuid::random(), ExclusionRule::Kind::folderName, "node_modules", false, true};
+    const ScanResult result = scan(ExclusionEngine({rule}, HiddenFilePolicy::exclude));
+
+    EXPECT_EQ(pathsOf(result), (std::vector<std::string>{"web", "web/app.js"}));
+    ASSERT_EQ(result.excluded.size(), 2u);
+    EXPECT_EQ(result.excluded[0].path.value(), ".git");
+    EXPECT_TRUE(result.excluded[0].isDirectory);
+    EXPECT_EQ(result.excluded[0].ruleDescription, "Hidden files are skipped by this profile");
+    EXPECT_EQ(result.excluded[1].path.value(), "web/node_modules");
+    EXPECT_EQ(result.excluded[1].ruleDescription, "Folder named node_modules");
+    EXPECT_TRUE(result.unreadableDirectories.empty());
+    EXPECT_TRUE(result.warnings.empty());
+}
+
+TEST_F(SyncScannerTest, UnlistableFoldersAreReportedWithTheirCategory) {
+    fs.addFile("/src/locked/secret.txt", "x");
+    fs.addFile("/src/broken/x.txt", "x");
+    fs.addFile("/src/ok.txt", "x");
+    fs.failAlways("opendir", EACCES, "/src/locked");
+    fs.failAlways("opendir", EIO, "/src/broken");
+
+    const ScanResult result = scan(noRules());
+    ASSERT_EQ(result.unreadableDirectories.size(), 2u);
+    EXPECT_EQ(result.unreadableDirectories[0].value(), "locked");
+    EXPECT_EQ(result.unreadableDirectories[1].value(), "broken");
+    const auto denied = messagesOf(result, Category::permissionDenied);
+    ASSERT_EQ(denied.size(), 1u);
+    EXPECT_EQ(denied[0],
+              "Could not list “locked”: opendir failed for /src/locked: Permission denied. Its contents could not be "
+              "read, so nothing inside it was synchronized and nothing inside the matching destination folder will be "
+              "removed.");
+    EXPECT_EQ(messagesOf(result, Category::scanError).size(), 1u);
+    EXPECT_EQ(result.directoriesScanned, 1);
+    EXPECT_EQ(result.entry(*RelativePath::fromString("locked/secret.txt")), nullptr);
+}
+
+TEST_F(SyncScannerTest, AFolderReachedTwiceIsALoopAndSkipped) {
+    fs.addFile("/src/a/file.txt", "x");
+    auto& again = fs.addDirectory("/src/a/again");
+    again.inode = fs.node("/src/a").inode;  // a bind mount or hard-linked folder looking back up
+    fs.addFile("/src/a/again/inner.txt", "x");
+
+    const ScanResult result = scan(noRules());
+    EXPECT_EQ(messagesOf(result, Category::scanError),
+              (std::vector<std::string>{
+                  "Skipped “a/again” — it resolves to a folder already visited in this scan (filesystem loop)."}));
+    EXPECT_EQ(result.entry(*RelativePath::fromString("a/again/inner.txt")), nullptr);
+}
+
+TEST_F(SyncScannerTest, CaseCollisionsOnlyOnCaseInsensitiveVolumes) {
+    fs.addFile("/src/Report.txt", "1");
+    fs.addFile("/src/report.txt", "2");
+
+    const ScanResult insensitive = scan(noRules(), EndpointRole::source, false);
+    EXPECT_EQ(pathsOf(insensitive), (std::vector<std::string>{"Report.txt"}));
+    ASSERT_EQ(insensitive.caseCollisions.size(), 1u);
+    EXPECT_EQ(insensitive.caseCollisions[0].kept.value(), "Report.txt");
+    EXPECT_EQ(insensitive.caseCollisions[0].collided.value(), "report.txt");
+    EXPECT_EQ(messagesOf(insensitive, Category::caseCollision),
+              (std::vector<std::string>{"“report.txt” and “Report.txt” collide on this volume's naming rules. Only "
+                                        "“Report.txt” will be synchronized."}));
+
+    const ScanResult sensitive = scan(noRules(), EndpointRole::source, true);
+    EXPECT_EQ(pathsOf(sensitive).size(), 2u);
+    EXPECT_TRUE(sensitive.caseCollisions.empty());
+}
+
+TEST_F(SyncScannerTest, StagingNamesAndTheArchiveFolderAreNeverRecorded) {
+    const std::string staging = PartialFileNaming::makeStagingName("photo.jpg", Uuid::random());
+    fs.addFile("/dst/" + staging, "partial");
+    fs.addFile("/dst/.VarnelSync-Archive/P/run/old.txt", "x");
+    fs.addFile("/dst/sub/.VarnelSync-Archive", "a user's own file deeper down");
+
+    const ScanResult result = scan(noRules(), EndpointRole::destination, true, "/dst");
+    EXPECT_EQ(pathsOf(result), (std::vector<std::string>{"sub", "sub/.VarnelSync-Archive"}));
+    EXPECT_EQ(messagesOf(result, Category::orphanedPartialFile),
+              (std::vector<std::string>{"“" + staging +
+                                        "” is named like a Varnel Sync staging file, so it was not copied. If this "
+                                        "is your own file, rename it and analyze again."}));
+
+    // On the source the archive name has no special meaning.
+    fs.addDirectory("/src/.VarnelSync-Archive");
+    EXPECT_EQ(pathsOf(scan(noRules())), (std::vector<std::string>{".VarnelSync-Archive"}));
+}
+
+TEST_F(SyncScannerTest, PerKindWarnings) {
+    auto& linked = fs.addFile("/src/linked.txt", "x");
+    linked.hardLinkCount = 3;
+    auto& sparse = fs.addFile("/src/sparse.img");
+    sparse.logicalSize = 10'000'000'000;
+    sparse.allocatedBlocks = 8'900'000'000 / 512;
+    auto& dense = fs.addFile("/src/dense.img");
+    dense.logicalSize = 10'000'000'000;
+    dense.allocatedBlocks = 9'500'000'000 / 512;
+    auto& cloud = fs.addFile("/src/cloud.pdf");
+    cloud.logicalSize = 5'000'000;
+    cloud.allocatedBlocks = 0;
+    cloud.isDataless = true;
+    fs.addSymlink("/src/inside", "linked.txt");
+    fs.addSymlink("/src/sub/up", "../linked.txt");
+    fs.addSymlink("/src/sub/out", "../../etc/passwd");
+    fs.addSymlink("/src/abs", "/etc/passwd");
+    fs.addSymlink("/src/absInside", "/src/linked.txt");
+    fs.addSpecial("/src/pipe", UnsupportedReason::fifo);
+
+    const ScanResult result = scan(noRules());
+    EXPECT_EQ(messagesOf(result, Category::hardLink),
+              (std::vector<std::string>{"“linked.txt” is hard-linked (3 references). It is copied as an independent "
+                                        "file, so the link relationship is not preserved."}));
+    EXPECT_EQ(messagesOf(result, Category::sparseFile),
+              (std::vector<std::string>{"“sparse.img” is sparse (10 GB logical, 8.9 GB allocated). Varnel Sync "
+                                        "preserves holes where the destination filesystem supports it."}));
+    EXPECT_EQ(messagesOf(result, Category::symlinkEscape),
+              (std::vector<std::string>{
+                  "“abs” points to “/etc/passwd”, which is outside the source folder. The link is copied as-is; its "
+                  "contents are not.",
+                  "“sub/out” points to “../../etc/passwd”, which is outside the source folder. The link is copied "
+                  "as-is; its contents are not."}));
+    EXPECT_EQ(messagesOf(result, Category::unsupportedFileType),
+              (std::vector<std::string>{"“pipe” is a special file and cannot be copied."}));
+    const FileSystemEntry* pipe = result.entry(*RelativePath::fromString("pipe"));
+    ASSERT_NE(pipe, nullptr);
+    EXPECT_EQ(pipe->unsupportedReason, UnsupportedReason::fifo);
+    EXPECT_TRUE(result.entry(*RelativePath::fromString("cloud.pdf"))->isDataless);
+}
+
+TEST_F(SyncScannerTest, CancellationThrowsAndProgressArrivesEveryIntervalItems) {
+    for (int i = 0; i < 7; ++i) fs.addFile("/src/f" + std::to_string(i), "x");
+    std::vector<std::int64_t> reported;
+    const SyncScanner scanner(fs, noRules(), 3);
+    const ScanResult result = scanner.scan(fs.openRoot("/src"), EndpointRole::source, true,
+                                           [&](const ScanProgress& progress) {
+                                               EXPECT_EQ(progress.role, EndpointRole::source);
+                                               reported.push_back(progress.itemsFound);
+                                           });
+    EXPECT_EQ(reported, (std::vector<std::int64_t>{3, 6}));
+    EXPECT_EQ(result.size(), 7u);
+
+    std::stop_source stop;
+    stop.request_stop();
+    try {
+        (void)scanner.scan(fs.openRoot("/src"), EndpointRole::source, true, {}, stop.get_token());
+        FAIL() << "a cancelled scan must throw";
+    } catch (const SyncError& error) {
+        EXPECT_EQ(error.code(), "cancelled");
+    }
+}
+
+TEST(SyncScannerRealTest, ALinkToTheParentIsNotFollowedAndNotALoop) {
+    testing::TemporaryDirectory temp;
+    temp.writeFile("src/a/file.txt", "hello");
+    std::filesystem::create_directory_symlink("..", temp.path() / "src/a/up");
+    ::mkfifo((temp.path() / "src/pipe").c_str(), 0644);
+
+    RealFileSystem fs;
+    const SyncScanner scanner(fs, noRules());
+    const ScanResult result = scanner.scan(fs.openRoot((temp.path() / "src").string()), EndpointRole::source, true);
+    EXPECT_EQ(result.directoriesScanned, 2);
+    const FileSystemEntry* up = result.entry(*RelativePath::fromString("a/up"));
+    ASSERT_NE(up, nullptr);
+    EXPECT_EQ(up->kind, EntryKind::symbolicLink);
+    EXPECT_EQ(up->symlinkTarget, "..");
+    EXPECT_TRUE(messagesOf(result, Category::scanError).empty());
+    EXPECT_TRUE(messagesOf(result, Category::symlinkEscape).empty());
+    EXPECT_EQ(result.entry(*RelativePath::fromString("a/file.txt"))->size, 5);
+    EXPECT_EQ(messagesOf(result, Category::unsupportedFileType).size(), 1u);
+}
+
+}  // namespace
+}  // namespace varnel
