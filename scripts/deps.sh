@@ -10,6 +10,7 @@ VARNEL_PACKAGES=(
   libicu-dev            # NFC, case folding, grapheme clusters, calendars and time zones
   uuid-dev              # UUIDs
   libblkid-dev          # volume UUID and label of a block device
+  libssl-dev            # SHA-256 (libcrypto) for verifying copied files
   libgtest-dev libgmock-dev  # tests
   gettext               # translation of user sentences
   tzdata                # named time zones for the schedule tests

@@ -1,6 +1,9 @@
 #pragma once
 
+#include "common/Sha256.hpp"
 #include "model/RelativePath.hpp"
+#include "scan/CopyOptions.hpp"
+#include "scan/CopyOutcome.hpp"
 #include "scan/EndpointRoot.hpp"
 #include "scan/FileSystemEntry.hpp"
 #include "scan/FileTimestamp.hpp"
@@ -107,6 +110,36 @@ public:
     // Throws POSIXFileError "utimensat".
     virtual void setTimes(const EndpointRoot& root, const RelativePath& path, FileTimestamp modification,
                           std::optional<FileTimestamp> access = std::nullopt) = 0;
+
+    // --- Copy and hash (regular files) -----------------------------------------------
+    // Copies the regular file (sourceRoot, sourcePath) with its metadata into a new file
+    // (stagingRoot, stagingPath); the two roots may differ (source and destination, or
+    // source and the staging folder). The source is only read and never followed
+    // through a link (a link there fails with ELOOP). The staging file is created
+    // exclusively (an existing item there fails with EEXIST and is left alone) and stays
+    // readable by its owner only until the source's permissions are applied, last. Holes
+    // of a sparse source stay holes where the destination can keep them; with
+    // options.allowClone the data may be cloned instead of copied.
+    //
+    // `progress` is called before any data moves and after each block of at most
+    // options.chunkBytes; when it returns false the copy stops with OperationCancelled.
+    // Exceptions thrown by `progress` pass through unchanged.
+    //
+    // Metadata that cannot be carried over is named in the outcome, not thrown. On any
+    // failure the staging file may remain, partly written: the caller removes it (except
+    // after EEXIST from creating it, when the item there is not the caller's).
+    // Throws POSIXFileError "open" (naming the source or the staging file), "fstat",
+    // "lseek", "copy_file_range", "read", "write" or "ftruncate"; OperationCancelled.
+    virtual CopyOutcome copyFile(const EndpointRoot& sourceRoot, const RelativePath& sourcePath,
+                                 const EndpointRoot& stagingRoot, const RelativePath& stagingPath,
+                                 const CopyOptions& options, const CopyProgress& progress) = 0;
+
+    // The SHA-256 of a regular file's contents, read in blocks of 1 MiB through one
+    // buffer, never following a final link. `stopRequested` (may be empty) is asked
+    // before each block. Throws POSIXFileError "open", "read", or "fdatasync" (only with
+    // options.readFromDevice); OperationCancelled.
+    virtual Sha256Digest sha256(const EndpointRoot& root, const RelativePath& path, const HashOptions& options,
+                                const StopRequested& stopRequested) = 0;
 
     // --- Outside endpoints (absolute paths) ------------------------------------------
     // Whether anything exists at the path (not following a final link). Never throws.

@@ -2,9 +2,12 @@
 
 #include "platform/BeneathResolver.hpp"
 #include "platform/ErrnoOr.hpp"
+#include "platform/FileDataCopy.hpp"
+#include "platform/FileMetadataCopy.hpp"
 #include "platform/LinuxVolumeQuery.hpp"
 #include "platform/SystemCall.hpp"
 #include "platform/UniqueFd.hpp"
+#include "scan/OperationCancelled.hpp"
 #include "scan/POSIXFileError.hpp"
 
 #include <dirent.h>
@@ -17,6 +20,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <variant>
 
 namespace varnel {
 
@@ -209,6 +214,26 @@ int linkThenUnlink(const ItemLocation& source, const ItemLocation& target) {
     return 0;
 }
 
+// Opens a regular file beneath its folder for reading only: never through a final link,
+// without updating its access time where the caller owns it (O_NOATIME needs that:
+// EPERM otherwise), and non-blocking so a FIFO planted there cannot hang the open.
+// Anything but a regular file fails: EISDIR for a folder, ENOTSUP for the rest.
+ErrnoOr<UniqueFd> openRegularFileForReading(const ItemLocation& location, struct stat& status) {
+    constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    int fd = retryOnInterrupt([&] { return ::openat(location.parentFd, location.name.c_str(), flags | O_NOATIME); });
+    if (fd < 0 && errno == EPERM) {
+        fd = retryOnInterrupt([&] { return ::openat(location.parentFd, location.name.c_str(), flags); });
+    }
+    if (fd < 0) return ErrnoOr<UniqueFd>::failure(errno);
+    UniqueFd file(fd);
+    if (::fstat(file.get(), &status) != 0) return ErrnoOr<UniqueFd>::failure(errno);
+    if (!S_ISREG(status.st_mode)) return ErrnoOr<UniqueFd>::failure(S_ISDIR(status.st_mode) ? EISDIR : ENOTSUP);
+    return file;
+}
+
+// One block of a checksum read, and the size of its single buffer.
+constexpr std::size_t kHashBlockBytes = std::size_t{1} << 20;
+
 }  // namespace
 
 int RealFileSystem::rootDescriptor(const EndpointRoot& root) {
@@ -375,6 +400,64 @@ void RealFileSystem::setTimes(const EndpointRoot& root, const RelativePath& path
     if (::utimensat(location.parentFd, location.name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
         fail(errno, "utimensat", root, path);
     }
+}
+
+CopyOutcome RealFileSystem::copyFile(const EndpointRoot& sourceRoot, const RelativePath& sourcePath,
+                                     const EndpointRoot& stagingRoot, const RelativePath& stagingPath,
+                                     const CopyOptions& options, const CopyProgress& progress) {
+    const auto source = locateOrThrow(sourceRoot, sourcePath, "open");
+    struct stat status {};
+    auto input = openRegularFileForReading(source, status);
+    if (!input.ok()) fail(input.error(), "open", sourceRoot, sourcePath);
+
+    const auto staging = locateOrThrow(stagingRoot, stagingPath, "open");
+    // Private until the source's permissions are applied at the very end.
+    const int created = retryOnInterrupt([&] {
+        return ::openat(staging.parentFd, staging.name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                        0600);
+    });
+    if (created < 0) fail(errno, "open", stagingRoot, stagingPath);
+    const UniqueFd output(created);
+
+    const auto data = copyFileData(input.value().get(), output.get(), status.st_size,
+                                   options.allowClone && allowCloning, options.chunkBytes, progress);
+    if (const auto* failure = std::get_if<DataCopyFailure>(&data)) {
+        if (failure->concernsSource) fail(failure->errnoValue, failure->operation, sourceRoot, sourcePath);
+        fail(failure->errnoValue, failure->operation, stagingRoot, stagingPath);
+    }
+
+    CopyOutcome outcome;
+    outcome.bytesWritten = status.st_size;
+    outcome.usedClone = std::get<DataCopied>(data).cloned;
+    outcome.metadataProblems = copyFileMetadata(input.value().get(), output.get(), status, options.metadataPolicy);
+    return outcome;
+}
+
+Sha256Digest RealFileSystem::sha256(const EndpointRoot& root, const RelativePath& path, const HashOptions& options,
+                                    const StopRequested& stopRequested) {
+    const auto location = locateOrThrow(root, path, "open");
+    struct stat status {};
+    auto file = openRegularFileForReading(location, status);
+    if (!file.ok()) fail(file.error(), "open", root, path);
+    const int fd = file.value().get();
+
+    if (options.readFromDevice) {
+        // Dropping the cache only discards clean pages: write the dirty ones out first.
+        if (retryOnInterrupt([&] { return ::fdatasync(fd); }) != 0) fail(errno, "fdatasync", root, path);
+        ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    }
+    ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+
+    Sha256 hasher;
+    const auto buffer = std::make_unique<char[]>(kHashBlockBytes);
+    while (true) {
+        if (stopRequested && stopRequested()) throw OperationCancelled();
+        const ssize_t count = retryOnInterrupt([&] { return ::read(fd, buffer.get(), kHashBlockBytes); });
+        if (count < 0) fail(errno, "read", root, path);
+        if (count == 0) break;
+        hasher.update(buffer.get(), static_cast<std::size_t>(count));
+    }
+    return hasher.finish();
 }
 
 bool RealFileSystem::existsAtPath(const std::string& absolutePath) {

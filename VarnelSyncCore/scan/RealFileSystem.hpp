@@ -43,6 +43,19 @@ public:
     void setTimes(const EndpointRoot& root, const RelativePath& path, FileTimestamp modification,
                   std::optional<FileTimestamp> access = std::nullopt) override;
 
+    // Data by FICLONE (when options.allowClone and allowCloning), else copy_file_range
+    // over the data regions with holes kept, else pread/pwrite; metadata as
+    // platform/FileMetadataCopy.hpp describes. The source is opened O_NOFOLLOW and
+    // O_NOATIME (without it where the caller does not own the file), the staging file
+    // O_CREAT | O_EXCL | O_NOFOLLOW with mode 0600.
+    CopyOutcome copyFile(const EndpointRoot& sourceRoot, const RelativePath& sourcePath,
+                         const EndpointRoot& stagingRoot, const RelativePath& stagingPath, const CopyOptions& options,
+                         const CopyProgress& progress) override;
+    // With options.readFromDevice: fdatasync, then posix_fadvise(POSIX_FADV_DONTNEED),
+    // then the reads, so they reach the device (Linux has no per-descriptor "no cache").
+    Sha256Digest sha256(const EndpointRoot& root, const RelativePath& path, const HashOptions& options,
+                        const StopRequested& stopRequested) override;
+
     bool existsAtPath(const std::string& absolutePath) override;
     FileSystemEntry entryAtPath(const std::string& absolutePath) override;
     std::string canonicalPath(const std::string& absolutePath) override;

@@ -2,8 +2,10 @@
 
 #include "common/Unicode.hpp"
 #include "platform/MountTable.hpp"
+#include "scan/OperationCancelled.hpp"
 #include "scan/POSIXFileError.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 
@@ -210,6 +212,15 @@ void FakeFileSystem::checkFault(const std::string& operation, const std::string&
         const Fault fault = *it;
         if (!fault.persistent) faults_.erase(it);
         throw POSIXFileError(fault.errnoValue, operation, fault.path.value_or(path));
+    }
+}
+
+bool FakeFileSystem::faultFires(const std::string& operation, const std::string& path) {
+    try {
+        checkFault(operation, path);
+        return false;
+    } catch (const POSIXFileError&) {
+        return true;
     }
 }
 
@@ -563,6 +574,116 @@ void FakeFileSystem::setTimes(const EndpointRoot& root, const RelativePath& path
     located.item->modificationTime = modification;
     if (access) located.item->accessTime = *access;
     record("utimensat " + located.shownPath);
+}
+
+CopyOutcome FakeFileSystem::copyFile(const EndpointRoot& sourceRoot, const RelativePath& sourcePath,
+                                     const EndpointRoot& stagingRoot, const RelativePath& stagingPath,
+                                     const CopyOptions& options, const CopyProgress& progress) {
+    std::shared_ptr<Node> source;
+    std::shared_ptr<Node> staged;
+    std::string data;
+    std::string stagingShown;
+    bool clone = false;
+    {
+        std::lock_guard lock(mutex_);
+        const std::string sourceShown = displayPath(sourceRoot, sourcePath);
+        checkFault("open", sourceShown);
+        const auto located = locate(sourceRoot, sourcePath, "open");
+        if (!located.item) throw POSIXFileError(ENOENT, "open", sourceShown);
+        if (located.item->kind == EntryKind::symbolicLink) throw POSIXFileError(ELOOP, "open", sourceShown);
+        if (located.item->kind == EntryKind::directory) throw POSIXFileError(EISDIR, "open", sourceShown);
+        if (located.item->kind != EntryKind::regularFile) throw POSIXFileError(ENOTSUP, "open", sourceShown);
+        source = located.item;
+
+        stagingShown = displayPath(stagingRoot, stagingPath);
+        checkFault("open", stagingShown);
+        const auto target = locate(stagingRoot, stagingPath, "open");
+        if (target.item) throw POSIXFileError(EEXIST, "open", stagingShown);
+        if (!target.folder) throw POSIXFileError(EISDIR, "open", stagingShown);
+        staged = makeNode(EntryKind::regularFile, 0600);
+        staged->logicalSize = source->logicalSize;
+        attach(*target.folder, staged, target.name);
+        data = source->contents;
+        clone = options.allowClone && volumeOf(*source).identity.supportsCloning;
+        record((clone ? "clone " : "copy ") + sourceShown + " -> " + stagingShown);
+    }
+
+    // Progress is reported without the lock, so a callback may use this file system.
+    const auto report = [&](std::int64_t increment) {
+        if (progress && !progress(increment)) throw OperationCancelled();
+    };
+    report(0);
+    const auto total = static_cast<std::int64_t>(data.size());
+    if (clone) {
+        std::lock_guard lock(mutex_);
+        staged->contents = data;
+    } else {
+        const std::size_t chunk = std::max<std::size_t>(options.chunkBytes, 1);
+        for (std::size_t offset = 0; offset < data.size(); offset += chunk) {
+            {
+                std::lock_guard lock(mutex_);
+                checkFault("copy_file_range", stagingShown);
+                staged->contents += data.substr(offset, chunk);
+            }
+            report(static_cast<std::int64_t>(std::min(chunk, data.size() - offset)));
+        }
+    }
+    const std::int64_t length = source->logicalSize.value_or(total);
+    if (clone) report(length);
+    else if (length > total) report(length - total);  // the holes
+
+    std::lock_guard lock(mutex_);
+    CopyOutcome outcome;
+    outcome.bytesWritten = length;
+    outcome.usedClone = clone;
+    if (options.metadataPolicy != MetadataPolicy::basic && !source->extendedAttributes.empty()) {
+        if (faultFires("fsetxattr", stagingShown)) outcome.metadataProblems.emplace_back("extended attributes");
+        else staged->extendedAttributes = source->extendedAttributes;
+    }
+    if (faultFires("fchown", stagingShown)) {
+        outcome.metadataProblems.emplace_back("owner");
+    } else {
+        staged->ownerUID = source->ownerUID;
+        staged->ownerGID = source->ownerGID;
+    }
+    if (faultFires("fchmod", stagingShown)) outcome.metadataProblems.emplace_back("permissions");
+    else staged->permissions = source->permissions;
+    if (faultFires("futimens", stagingShown)) {
+        outcome.metadataProblems.emplace_back("timestamps");
+    } else {
+        staged->modificationTime = source->modificationTime;
+        staged->accessTime = source->accessTime;
+    }
+    return outcome;
+}
+
+Sha256Digest FakeFileSystem::sha256(const EndpointRoot& root, const RelativePath& path, const HashOptions&,
+                                    const StopRequested& stopRequested) {
+    std::string data;
+    std::string shown;
+    {
+        std::lock_guard lock(mutex_);
+        shown = displayPath(root, path);
+        checkFault("open", shown);
+        const auto located = locate(root, path, "open");
+        if (!located.item) throw POSIXFileError(ENOENT, "open", shown);
+        if (located.item->kind == EntryKind::symbolicLink) throw POSIXFileError(ELOOP, "open", shown);
+        if (located.item->kind != EntryKind::regularFile) throw POSIXFileError(EISDIR, "open", shown);
+        data = located.item->contents;
+    }
+    constexpr std::size_t kBlock = std::size_t{1} << 20;
+    Sha256 hasher;
+    std::size_t offset = 0;
+    do {
+        if (stopRequested && stopRequested()) throw OperationCancelled();
+        {
+            std::lock_guard lock(mutex_);
+            checkFault("read", shown);
+        }
+        hasher.update(std::string_view(data).substr(offset, kBlock));
+        offset += kBlock;
+    } while (offset < data.size());
+    return hasher.finish();
 }
 
 bool FakeFileSystem::existsAtPath(const std::string& absolutePath) {

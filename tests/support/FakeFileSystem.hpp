@@ -73,6 +73,15 @@ public:
     // The time given to items created from now on.
     void setCurrentTime(FileTimestamp time);
 
+    // --- Copies: copyFile copies contents (and logicalSize) in blocks of
+    // options.chunkBytes, calling progress after each, and records "copy <from> -> <to>";
+    // where the source's volume supportsCloning and options.allowClone, it records
+    // "clone <from> -> <to>" instead and reports usedClone. Metadata as the policy asks
+    // (extended attributes for extended and strict). Faults: "open" (source or staging
+    // path), "copy_file_range" (checked before each block), and the metadata calls
+    // "fsetxattr", "fchown", "fchmod", "futimens", whose faults become metadata problems.
+    // sha256 hashes the contents (not the holes of a logicalSize); faults "open", "read".
+
     // --- Fault injection: the named operation ("mkdir", "statx", "opendir", "readdir",
     // "readlink", "rename", ... as reported in POSIXFileError) fails with `errnoValue`,
     // on any path or only on `path` (the full display path; for rename either side).
@@ -105,6 +114,11 @@ public:
     void setOwner(const EndpointRoot& root, const RelativePath& path, std::uint32_t uid, std::uint32_t gid) override;
     void setTimes(const EndpointRoot& root, const RelativePath& path, FileTimestamp modification,
                   std::optional<FileTimestamp> access = std::nullopt) override;
+    CopyOutcome copyFile(const EndpointRoot& sourceRoot, const RelativePath& sourcePath,
+                         const EndpointRoot& stagingRoot, const RelativePath& stagingPath, const CopyOptions& options,
+                         const CopyProgress& progress) override;
+    Sha256Digest sha256(const EndpointRoot& root, const RelativePath& path, const HashOptions& options,
+                        const StopRequested& stopRequested) override;
     bool existsAtPath(const std::string& absolutePath) override;
     FileSystemEntry entryAtPath(const std::string& absolutePath) override;
     std::string canonicalPath(const std::string& absolutePath) override;
@@ -138,6 +152,8 @@ private:
     std::shared_ptr<Node> folderBeneath(const EndpointRoot& root, const RelativePath& path, const char* operation);
     void checkFault(const std::string& operation, const std::string& path,
                     const std::optional<std::string>& otherPath = std::nullopt);
+    // Whether a fault is set for the operation on the path (consuming a one-time one).
+    bool faultFires(const std::string& operation, const std::string& path);
     void record(std::string change) { changes_.push_back(std::move(change)); }
 
     mutable std::mutex mutex_;

@@ -1,0 +1,164 @@
+#include "platform/FileDataCopy.hpp"
+
+#include "platform/SystemCall.hpp"
+#include "scan/OperationCancelled.hpp"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <optional>
+
+namespace varnel {
+
+namespace {
+
+// The read/write fallback moves at most this much per call, through one buffer.
+constexpr std::size_t kFallbackBufferBytes = std::size_t{1} << 20;
+
+// The kernel's ways of saying "copy_file_range cannot do this pair of files".
+bool copyFileRangeRefused(int error) {
+    return error == EXDEV || error == EINVAL || error == EOPNOTSUPP || error == ENOSYS;
+}
+
+// Errors that can only come from writing the target.
+bool isTargetError(int error) {
+    return error == ENOSPC || error == EDQUOT || error == EFBIG || error == EROFS;
+}
+
+class DataMover {
+public:
+    DataMover(int sourceFd, int targetFd, std::size_t chunkBytes, const CopyProgress& progress)
+        : source_(sourceFd), target_(targetFd), chunkBytes_(std::max<std::size_t>(chunkBytes, 4096)),
+          progress_(progress) {}
+
+    void report(std::int64_t increment) {
+        if (progress_ && !progress_(increment)) throw OperationCancelled();
+    }
+
+    // Copies [start, end) block by block. Returns a failure, or none.
+    std::optional<DataCopyFailure> copyRange(std::int64_t start, std::int64_t end) {
+        std::int64_t position = start;
+        while (position < end) {
+            const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(end - position, chunkBytes_));
+            std::int64_t moved = 0;
+            if (auto failure = moveBlock(position, wanted, moved)) return failure;
+            if (moved == 0) return DataCopyFailure{"read", ENODATA, true};  // the source ended early
+            position += moved;
+            report(moved);
+        }
+        return std::nullopt;
+    }
+
+private:
+    // Moves up to `wanted` bytes at `position`; `moved` 0 means the source ended.
+    std::optional<DataCopyFailure> moveBlock(std::int64_t position, std::size_t wanted, std::int64_t& moved) {
+        if (useCopyFileRange_) {
+            loff_t in = position;
+            loff_t out = position;
+            const ssize_t count =
+                retryOnInterrupt([&] { return ::copy_file_range(source_, &in, target_, &out, wanted, 0); });
+            if (count >= 0) {
+                moved = count;
+                return std::nullopt;
+            }
+            const int error = errno;
+            if (!copyFileRangeRefused(error)) {
+                return DataCopyFailure{"copy_file_range", error, !isTargetError(error)};
+            }
+            useCopyFileRange_ = false;  // for the rest of this file
+        }
+        return readThenWrite(position, std::min(wanted, kFallbackBufferBytes), moved);
+    }
+
+    std::optional<DataCopyFailure> readThenWrite(std::int64_t position, std::size_t wanted, std::int64_t& moved) {
+        if (!buffer_) buffer_ = std::make_unique<char[]>(kFallbackBufferBytes);
+        const ssize_t count = retryOnInterrupt([&] { return ::pread(source_, buffer_.get(), wanted, position); });
+        if (count < 0) return DataCopyFailure{"read", errno, true};
+        std::size_t written = 0;
+        while (written < static_cast<std::size_t>(count)) {
+            const ssize_t step = retryOnInterrupt([&] {
+                return ::pwrite(target_, buffer_.get() + written, static_cast<std::size_t>(count) - written,
+                                position + static_cast<std::int64_t>(written));
+            });
+            if (step < 0) return DataCopyFailure{"write", errno, false};
+            if (step == 0) return DataCopyFailure{"write", EIO, false};  // no progress: never loop forever
+            written += static_cast<std::size_t>(step);
+        }
+        moved = count;
+        return std::nullopt;
+    }
+
+    int source_;
+    int target_;
+    std::size_t chunkBytes_;
+    const CopyProgress& progress_;
+    bool useCopyFileRange_ = true;
+    std::unique_ptr<char[]> buffer_;
+};
+
+// The next data region at or after `offset`, clamped to `size`: [start, end). Where the
+// file system cannot tell holes (EINVAL), everything left is data.
+std::optional<DataCopyFailure> nextDataRegion(int fd, std::int64_t offset, std::int64_t size, std::int64_t& start,
+                                              std::int64_t& end) {
+    const off_t data = ::lseek(fd, offset, SEEK_DATA);
+    if (data < 0) {
+        if (errno == ENXIO) {  // nothing but a hole up to the end
+            start = end = size;
+            return std::nullopt;
+        }
+        if (errno != EINVAL && errno != EOPNOTSUPP) return DataCopyFailure{"lseek", errno, true};
+        start = offset;
+        end = size;
+        return std::nullopt;
+    }
+    start = std::min<std::int64_t>(data, size);
+    if (start == size) {
+        end = size;
+        return std::nullopt;
+    }
+    const off_t hole = ::lseek(fd, start, SEEK_HOLE);
+    if (hole < 0) {
+        if (errno != ENXIO) return DataCopyFailure{"lseek", errno, true};
+        end = size;  // the file shrank below `start` meanwhile: the copy will notice
+        return std::nullopt;
+    }
+    end = std::min<std::int64_t>(std::max<std::int64_t>(hole, start), size);
+    if (end == start) end = size;  // a file system that answers oddly: copy the rest as data
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::variant<DataCopied, DataCopyFailure> copyFileData(int sourceFd, int targetFd, std::int64_t size,
+                                                       bool allowClone, std::size_t chunkBytes,
+                                                       const CopyProgress& progress) {
+    DataMover mover(sourceFd, targetFd, chunkBytes, progress);
+    mover.report(0);
+
+    if (allowClone && size > 0 && ::ioctl(targetFd, FICLONE, sourceFd) == 0) {
+        // A clone takes the source's whole length, which may have grown since `size` was read.
+        if (::ftruncate(targetFd, size) != 0) return DataCopyFailure{"ftruncate", errno, false};
+        mover.report(size);
+        return DataCopied{true};
+    }
+
+    std::int64_t offset = 0;
+    while (offset < size) {
+        std::int64_t start = 0;
+        std::int64_t end = 0;
+        if (auto failure = nextDataRegion(sourceFd, offset, size, start, end)) return *failure;
+        if (start > offset) mover.report(start - offset);  // a hole, kept by not writing it
+        if (auto failure = mover.copyRange(start, end)) return *failure;
+        offset = end;
+    }
+    // Sets the final length: a trailing hole stays a hole.
+    if (::ftruncate(targetFd, size) != 0) return DataCopyFailure{"ftruncate", errno, false};
+    return DataCopied{false};
+}
+
+}  // namespace varnel

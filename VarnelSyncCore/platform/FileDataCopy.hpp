@@ -1,0 +1,42 @@
+#pragma once
+
+#include "scan/CopyOptions.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <variant>
+
+namespace varnel {
+
+// The data of a copy arrived in full.
+struct DataCopied {
+    bool cloned = false;  // by FICLONE: the copy shares the source's blocks
+};
+
+// A system call of the data copy failed.
+struct DataCopyFailure {
+    const char* operation;  // "lseek", "copy_file_range", "read", "write", "ftruncate"
+    int errnoValue;
+    bool concernsSource;  // the call failed on the source (else on the target)
+};
+
+// Moves the first `size` bytes of the regular file `sourceFd` into the empty regular
+// file `targetFd`, and gives the target exactly that length:
+//
+// 1. With `allowClone`, one FICLONE: same-volume copies on btrfs or xfs share blocks
+//    and cost nothing. Any refusal (EOPNOTSUPP, EXDEV, EINVAL, ...) falls through.
+// 2. Otherwise the data regions (SEEK_DATA / SEEK_HOLE) are copied with
+//    copy_file_range in blocks of at most `chunkBytes`, and holes are skipped, so a
+//    sparse file stays sparse. Where the kernel refuses copy_file_range (EXDEV, EINVAL,
+//    EOPNOTSUPP, ENOSYS) the rest goes by pread/pwrite.
+// 3. ftruncate to `size` writes the final length (and any trailing hole).
+//
+// `progress` is called with 0 before anything moves, then with each block's bytes
+// (a skipped hole counts as copied); when it returns false, OperationCancelled is
+// thrown. A source that ends before `size` (it shrank meanwhile) fails as "read" with
+// ENODATA rather than being padded with zeros; bytes beyond `size` are not copied.
+std::variant<DataCopied, DataCopyFailure> copyFileData(int sourceFd, int targetFd, std::int64_t size,
+                                                       bool allowClone, std::size_t chunkBytes,
+                                                       const CopyProgress& progress);
+
+}  // namespace varnel

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "model/SyncOptions.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+
+namespace varnel {
+
+// Called from the copying thread with the bytes copied since the previous call (0 for
+// the first call, made before any data moves); skipped holes count as copied. Returning
+// false stops the copy, which then throws OperationCancelled.
+using CopyProgress = std::function<bool(std::int64_t increment)>;
+
+// Asked before each block of a long read; true stops it with OperationCancelled.
+using StopRequested = std::function<bool()>;
+
+// How FileSystemProviding::copyFile copies one file.
+struct CopyOptions {
+    // basic: permissions, owner (where permitted), access and modification times with
+    // nanoseconds. extended and strict add extended attributes and POSIX ACLs. Under
+    // strict, an owner that may not be set is a problem too.
+    MetadataPolicy metadataPolicy = MetadataPolicy::basic;
+    // Whether the data may be cloned (shared blocks) where the file system can; false for
+    // online-only sources, whose blocks must really be read.
+    bool allowClone = true;
+    // The most bytes moved between two progress reports.
+    std::size_t chunkBytes = std::size_t{8} << 20;
+
+    friend bool operator==(const CopyOptions&, const CopyOptions&) = default;
+};
+
+// How FileSystemProviding::sha256 reads a file.
+struct HashOptions {
+    // Write the file's dirty pages out and drop it from the page cache before reading, so
+    // the bytes come from the device rather than from what a copy just left in memory.
+    bool readFromDevice = false;
+
+    friend bool operator==(const HashOptions&, const HashOptions&) = default;
+};
+
+}  // namespace varnel

@@ -1,0 +1,307 @@
+#include "transfer/FileCopyEngine.hpp"
+
+#include "common/ByteCount.hpp"
+#include "common/Localization.hpp"
+#include "scan/OperationCancelled.hpp"
+#include "scan/POSIXFileError.hpp"
+#include "transfer/PartialFileNaming.hpp"
+#include "transfer/SyncError.hpp"
+
+#include <cerrno>
+
+namespace varnel {
+
+namespace {
+
+using RenameMode = FileSystemProviding::RenameMode;
+
+// Removes the staging item when the copy ends in any way other than a commit. A
+// removal that fails leaves a file whose name marks it as a leftover for the cleanup.
+class StagingGuard {
+public:
+    StagingGuard(FileSystemProviding& fileSystem, const FileCopyEngine::StagingLocation& location)
+        : fileSystem_(fileSystem), location_(location) {}
+    ~StagingGuard() {
+        if (!armed_) return;
+        try {
+            fileSystem_.removeFile(location_.root, location_.path);
+        } catch (...) {  // NOLINT(bugprone-empty-catch): the original failure is what the user must see
+        }
+    }
+    StagingGuard(const StagingGuard&) = delete;
+    StagingGuard& operator=(const StagingGuard&) = delete;
+
+    // The staging item is committed, or was never ours.
+    void disarm() { armed_ = false; }
+
+private:
+    FileSystemProviding& fileSystem_;
+    const FileCopyEngine::StagingLocation& location_;
+    bool armed_ = true;
+};
+
+[[noreturn]] void throwChanged(const RelativePath& path, std::string detail) {
+    throw SyncError(SyncError::SourceChangedSinceAnalysis{path, std::move(detail)});
+}
+
+void throwIfCancelled(const FileCopyEngine::CancellationCheck& isCancelled) {
+    if (isCancelled && isCancelled()) throw SyncError(SyncError::Cancelled{});
+}
+
+// The item is not reachable at its path any more (removed, or a folder on the way was
+// replaced by a file or a link, which is never followed).
+bool isGone(int error) { return error == ENOENT || error == ENOTDIR || error == ELOOP; }
+
+std::string joined(const std::vector<std::string>& names) {
+    std::string text;
+    for (const auto& name : names) {
+        if (!text.empty()) text += ", ";
+        text += name;
+    }
+    return text;
+}
+
+RenameMode renameModeFor(SyncActionType type) {
+    // Only an update may replace what is there; anything else never overwrites.
+    return type == SyncActionType::replaceChangedFile || type == SyncActionType::replaceSymlink
+               ? RenameMode::replace
+               : RenameMode::noReplace;
+}
+
+}  // namespace
+
+FileCopyEngine::StagingLocation FileCopyEngine::stagingLocation(const RelativePath& destinationPath) const {
+    const std::string name = PartialFileNaming::makeStagingName(destinationPath.lastComponent(), runID);
+    if (stagingDirectory) return {*stagingDirectory, *RelativePath().appending(name)};
+    return {destinationRoot, *destinationPath.parent().appending(name)};
+}
+
+std::string FileCopyEngine::checksum(const EndpointRoot& root, const RelativePath& path,
+                                     const CancellationCheck& isCancelled, bool readFromDevice) const {
+    try {
+        return toHex(fileSystem->sha256(root, path, HashOptions{readFromDevice}, isCancelled));
+    } catch (const OperationCancelled&) {
+        throw SyncError(SyncError::Cancelled{});
+    }
+}
+
+namespace {
+
+// The engine's steps, each throwing the SyncError that ends the copy.
+class CopyRun {
+public:
+    CopyRun(const FileCopyEngine& engine, const RelativePath& path) : engine_(engine), path_(path) {}
+
+    // Step 1: the source must still be the regular file of the plan's size.
+    FileSystemEntry recheckSource(const FileSystemEntry& planned) const {
+        FileSystemEntry current;
+        try {
+            current = engine_.fileSystem->entry(engine_.sourceRoot, path_);
+        } catch (const POSIXFileError& error) {
+            if (isGone(error.errnoValue())) throwChanged(path_, tr("The file no longer exists in the source."));
+            throw SyncError(SyncError::CopyFailed{path_, error.errnoValue(), error.message()});
+        }
+        if (current.kind != EntryKind::regularFile) {
+            throwChanged(path_, trFormat("It is now a {} rather than a file.", kindWord(current.kind)));
+        }
+        if (current.size != planned.size) {
+            throwChanged(path_, trFormat("It was {} when the plan was created and is now {}. Run Analyze again to "
+                                         "include the new version.",
+                                         formatByteCount(planned.size), formatByteCount(current.size)));
+        }
+        return current;
+    }
+
+    // Step 2: the folder that will hold the item must be a real folder, not a link.
+    void checkDestinationFolder() const {
+        const auto notReal = [&] {
+            throwChanged(path_, tr("The destination folder for this file is not a real folder (it is a symbolic link "
+                                   "or another file type). Nothing was written."));
+        };
+        try {
+            if (!engine_.fileSystem->entry(engine_.destinationRoot, path_.parent()).isDirectory()) notReal();
+        } catch (const POSIXFileError& error) {
+            if (error.errnoValue() == ELOOP || error.errnoValue() == ENOTDIR) notReal();
+            throw SyncError(SyncError::CopyFailed{path_, error.errnoValue(), error.message()});
+        }
+    }
+
+    // Step 4: under the strict policy any metadata that was lost fails the file.
+    void checkMetadata(const std::vector<std::string>& problems) const {
+        if (problems.empty() || engine_.metadataPolicy != MetadataPolicy::strict) return;
+        throw SyncError(SyncError::MetadataPreservationFailed{
+            path_, trFormat("Could not preserve: {}. The destination file was not changed.", joined(problems))});
+    }
+
+    // Step 5: the staged bytes, read back from the device, must hash like the source.
+    void verify(const FileCopyEngine::StagingLocation& staging,
+                const FileCopyEngine::CancellationCheck& isCancelled) const {
+        std::string expected;
+        std::string actual;
+        try {
+            expected = engine_.checksum(engine_.sourceRoot, path_, isCancelled);
+            actual = engine_.checksum(staging.root, staging.path, isCancelled, true);
+        } catch (const POSIXFileError& error) {
+            throw SyncError(SyncError::CopyFailed{
+                path_, error.errnoValue(),
+                trFormat("Verification could not read the file: {}", systemErrorText(error.errnoValue()))});
+        }
+        if (expected != actual) throw SyncError(SyncError::VerificationFailed{path_, expected, actual});
+    }
+
+    // Step 6: the staged file's own flush; a failure means nothing is committed.
+    FlushResult flushStaged(const FileCopyEngine::StagingLocation& staging, std::uint64_t expectedSize) const {
+        try {
+            return engine_.flusher->flushFile(staging.root, staging.path, engine_.durabilityMode, expectedSize);
+        } catch (const DurabilityError& error) {
+            throw SyncError(SyncError::DurabilityFailed{error});
+        }
+    }
+
+    // Step 7: one rename into place.
+    void commit(const FileCopyEngine::StagingLocation& staging, RenameMode mode) const {
+        try {
+            engine_.fileSystem->rename(staging.root, staging.path, engine_.destinationRoot, path_, mode);
+        } catch (const POSIXFileError& error) {
+            if (mode == RenameMode::noReplace && error.errnoValue() == EEXIST) {
+                throwChanged(path_, tr("A file appeared at this destination path after the plan was created. It was "
+                                       "left untouched. Run Analyze again."));
+            }
+            throw SyncError(SyncError::AtomicReplaceFailed{path_, error.errnoValue(), error.message()});
+        }
+    }
+
+    // Steps 8 and 9: the folder flush after the commit, then the outcome. A failure here
+    // is a warning: the file is in place.
+    void finish(const FlushResult& fileFlush, FileResult& result) const {
+        FlushResult folderFlush;
+        try {
+            folderFlush =
+                engine_.flusher->flushDirectory(engine_.destinationRoot, path_.parent(), engine_.durabilityMode);
+        } catch (const DurabilityError& error) {
+            result.durabilityWarning = error;
+        }
+        result.durabilityOutcome =
+            chooseDurabilityOutcome(engine_.durabilityMode, result.durabilityWarning.has_value(),
+                                    fileFlush.fellBackFromFullFlush || folderFlush.fellBackFromFullFlush);
+        result.flushSeconds = fileFlush.seconds + folderFlush.seconds;
+    }
+
+private:
+    const FileCopyEngine& engine_;
+    const RelativePath& path_;
+};
+
+}  // namespace
+
+FileResult FileCopyEngine::copyFile(const SyncAction& action, const ProgressCallback& progress,
+                                    const CancellationCheck& isCancelled) const {
+    const RelativePath& path = action.relativePath;
+    if (!action.sourceEntry) {
+        throw SyncError(SyncError::CopyFailed{path, EINVAL, tr("The plan entry carried no source information.")});
+    }
+    if (path.isRoot()) throw SyncError(SyncError::CopyFailed{path, EISDIR, systemErrorText(EISDIR)});
+    throwIfCancelled(isCancelled);
+
+    const CopyRun run(*this, path);
+    const FileSystemEntry current = run.recheckSource(*action.sourceEntry);
+    run.checkDestinationFolder();
+
+    const StagingLocation staging = stagingLocation(path);
+    StagingGuard guard(*fileSystem, staging);
+    CopyOutcome copied;
+    try {
+        // Online-only sources are never cloned: their blocks must really be fetched.
+        const CopyOptions options{metadataPolicy, !current.isDataless, copyChunkBytes};
+        copied = fileSystem->copyFile(sourceRoot, path, staging.root, staging.path, options,
+                                      [&](std::int64_t increment) {
+                                          if (isCancelled && isCancelled()) return false;
+                                          if (increment > 0 && progress) progress(increment);
+                                          return true;
+                                      });
+    } catch (const OperationCancelled&) {
+        throw SyncError(SyncError::Cancelled{});
+    } catch (const POSIXFileError& error) {
+        // An item already at the fresh staging name is not ours to remove.
+        if (error.errnoValue() == EEXIST && error.path() == displayPath(staging.root, staging.path)) guard.disarm();
+        throw SyncError(SyncError::CopyFailed{path, error.errnoValue(), error.message()});
+    }
+
+    FileResult result;
+    result.bytesWritten = static_cast<std::uint64_t>(copied.bytesWritten);
+    result.usedClone = copied.usedClone;
+    result.metadataProblems = copied.metadataProblems;
+    run.checkMetadata(copied.metadataProblems);
+    if (verificationMode == VerificationMode::verifyCopiedFiles) {
+        run.verify(staging, isCancelled);
+        result.verified = true;
+    }
+    const FlushResult fileFlush = run.flushStaged(staging, result.bytesWritten);
+    throwIfCancelled(isCancelled);  // the last moment at which stopping leaves the destination as it was
+
+    run.commit(staging, renameModeFor(action.type));
+    guard.disarm();
+    run.finish(fileFlush, result);
+    return result;
+}
+
+FileResult FileCopyEngine::writeSymbolicLink(const SyncAction& action, const CancellationCheck& isCancelled) const {
+    const RelativePath& path = action.relativePath;
+    throwIfCancelled(isCancelled);
+    const auto unreadable = [&](int error) {
+        return SyncError(SyncError::CopyFailed{path, error, tr("The link target could not be read.")});
+    };
+    FileSystemEntry current;
+    try {
+        current = fileSystem->entry(sourceRoot, path);
+    } catch (const POSIXFileError& error) {
+        throw unreadable(error.errnoValue());
+    }
+    if (!current.isSymbolicLink()) throw unreadable(EINVAL);
+    if (!current.symlinkTarget) {
+        try {
+            current.symlinkTarget = fileSystem->readLink(sourceRoot, path);
+        } catch (const POSIXFileError& error) {
+            throw unreadable(error.errnoValue());
+        }
+    }
+
+    const CopyRun run(*this, path);
+    run.checkDestinationFolder();
+    const auto linkFailure = [&](int error) {
+        return SyncError(SyncError::CopyFailed{path, error, trFormat("Could not create the link: {}",
+                                                                     systemErrorText(error))});
+    };
+    // A folder is never replaced by a link (the rename would refuse too; this says why).
+    if (renameModeFor(action.type) == RenameMode::replace) {
+        try {
+            if (fileSystem->entry(destinationRoot, path).isDirectory()) throw linkFailure(EISDIR);
+        } catch (const POSIXFileError&) {  // NOLINT(bugprone-empty-catch): nothing there to protect
+        }
+    }
+
+    const StagingLocation staging = stagingLocation(path);
+    StagingGuard guard(*fileSystem, staging);
+    try {
+        fileSystem->makeSymbolicLink(staging.root, staging.path, *current.symlinkTarget);
+    } catch (const POSIXFileError& error) {
+        if (error.errnoValue() == EEXIST) guard.disarm();
+        throw linkFailure(error.errnoValue());
+    }
+
+    FileResult result;
+    try {
+        fileSystem->setTimes(staging.root, staging.path, current.modificationTime);
+    } catch (const POSIXFileError&) {
+        result.metadataProblems.emplace_back("timestamps");
+    }
+    run.checkMetadata(result.metadataProblems);
+    throwIfCancelled(isCancelled);
+
+    run.commit(staging, renameModeFor(action.type));
+    guard.disarm();
+    run.finish(FlushResult{}, result);
+    return result;
+}
+
+}  // namespace varnel

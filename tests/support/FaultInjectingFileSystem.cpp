@@ -1,0 +1,229 @@
+#include "support/FaultInjectingFileSystem.hpp"
+
+#include "scan/POSIXFileError.hpp"
+
+#include <utility>
+
+namespace varnel::testing {
+
+namespace {
+
+// The system call the real file system names when the operation fails.
+std::string systemCallOf(const std::string& operation) {
+    static const std::map<std::string, std::string> names = {
+        {"openRoot", "open"},         {"entry", "statx"},          {"exists", "access"},
+        {"readLink", "readlink"},     {"extendedAttribute", "getxattr"},
+        {"extendedAttributeNames", "listxattr"},                   {"listDirectory", "opendir"},
+        {"openDirectory", "opendir"}, {"makeDirectory", "mkdir"},  {"makeSymbolicLink", "symlink"},
+        {"removeFile", "unlink"},     {"removeDirectory", "rmdir"}, {"rename", "rename"},
+        {"setPermissions", "chmod"},  {"setOwner", "lchown"},      {"setTimes", "utimensat"},
+        {"copyFile", "open"},         {"sha256", "read"},          {"existsAtPath", "access"},
+        {"entryAtPath", "statx"},     {"canonicalPath", "realpath"}, {"makeDirectoryAtPath", "mkdir"},
+        {"volumeInfo", "statfs"},
+    };
+    const auto found = names.find(operation);
+    return found != names.end() ? found->second : operation;
+}
+
+}  // namespace
+
+FaultInjectingFileSystem::FaultInjectingFileSystem(std::shared_ptr<FileSystemProviding> inner)
+    : inner_(std::move(inner)) {}
+
+void FaultInjectingFileSystem::failCall(const std::string& operation, int errnoValue, int occurrence) {
+    std::lock_guard lock(mutex_);
+    triggers_.push_back(Trigger{operation, counts_[operation] + occurrence, nullptr, errnoValue});
+}
+
+void FaultInjectingFileSystem::atCall(const std::string& operation, std::function<void()> action, int occurrence) {
+    std::lock_guard lock(mutex_);
+    triggers_.push_back(Trigger{operation, counts_[operation] + occurrence, std::move(action), std::nullopt});
+}
+
+void FaultInjectingFileSystem::failCopyWhenReached(std::int64_t bytes, int errnoValue) {
+    std::lock_guard lock(mutex_);
+    copyFault_ = CopyFault{bytes, errnoValue};
+}
+
+void FaultInjectingFileSystem::addMetadataProblem(const std::string& problem) {
+    std::lock_guard lock(mutex_);
+    extraMetadataProblems_.push_back(problem);
+}
+
+int FaultInjectingFileSystem::callCount(const std::string& operation) const {
+    std::lock_guard lock(mutex_);
+    const auto found = counts_.find(operation);
+    return found != counts_.end() ? found->second : 0;
+}
+
+void FaultInjectingFileSystem::enter(const std::string& operation, const std::string& shownPath) {
+    std::vector<Trigger> due;
+    {
+        std::lock_guard lock(mutex_);
+        const int number = ++counts_[operation];
+        for (const auto& trigger : triggers_) {
+            if (trigger.operation == operation && trigger.callNumber == number) due.push_back(trigger);
+        }
+    }
+    // Actions run without the lock: they may use this file system themselves.
+    for (const auto& trigger : due) {
+        if (trigger.errnoValue) throw POSIXFileError(*trigger.errnoValue, systemCallOf(operation), shownPath);
+        trigger.action();
+    }
+}
+
+EndpointRoot FaultInjectingFileSystem::openRoot(const std::string& absolutePath) {
+    enter("openRoot", absolutePath);
+    return inner_->openRoot(absolutePath);
+}
+
+FileSystemEntry FaultInjectingFileSystem::entry(const EndpointRoot& root, const RelativePath& path) {
+    enter("entry", displayPath(root, path));
+    return inner_->entry(root, path);
+}
+
+bool FaultInjectingFileSystem::exists(const EndpointRoot& root, const RelativePath& path) {
+    try {
+        enter("exists", displayPath(root, path));
+    } catch (const POSIXFileError&) {
+        return false;  // never throws, as the interface promises
+    }
+    return inner_->exists(root, path);
+}
+
+std::string FaultInjectingFileSystem::readLink(const EndpointRoot& root, const RelativePath& path) {
+    enter("readLink", displayPath(root, path));
+    return inner_->readLink(root, path);
+}
+
+std::optional<std::string> FaultInjectingFileSystem::extendedAttribute(const EndpointRoot& root,
+                                                                       const RelativePath& path,
+                                                                       const std::string& name) {
+    enter("extendedAttribute", displayPath(root, path));
+    return inner_->extendedAttribute(root, path, name);
+}
+
+std::vector<std::string> FaultInjectingFileSystem::extendedAttributeNames(const EndpointRoot& root,
+                                                                          const RelativePath& path) {
+    enter("extendedAttributeNames", displayPath(root, path));
+    return inner_->extendedAttributeNames(root, path);
+}
+
+std::vector<std::string> FaultInjectingFileSystem::listDirectory(const EndpointRoot& root, const RelativePath& path) {
+    enter("listDirectory", displayPath(root, path));
+    return inner_->listDirectory(root, path);
+}
+
+std::unique_ptr<OpenDirectory> FaultInjectingFileSystem::openDirectory(const EndpointRoot& root,
+                                                                       const RelativePath& path) {
+    enter("openDirectory", displayPath(root, path));
+    return inner_->openDirectory(root, path);
+}
+
+void FaultInjectingFileSystem::makeDirectory(const EndpointRoot& root, const RelativePath& path,
+                                             std::uint16_t mode) {
+    enter("makeDirectory", displayPath(root, path));
+    inner_->makeDirectory(root, path, mode);
+}
+
+void FaultInjectingFileSystem::makeSymbolicLink(const EndpointRoot& root, const RelativePath& path,
+                                                const std::string& target) {
+    enter("makeSymbolicLink", displayPath(root, path));
+    inner_->makeSymbolicLink(root, path, target);
+}
+
+void FaultInjectingFileSystem::removeFile(const EndpointRoot& root, const RelativePath& path) {
+    enter("removeFile", displayPath(root, path));
+    inner_->removeFile(root, path);
+}
+
+void FaultInjectingFileSystem::removeDirectory(const EndpointRoot& root, const RelativePath& path) {
+    enter("removeDirectory", displayPath(root, path));
+    inner_->removeDirectory(root, path);
+}
+
+void FaultInjectingFileSystem::rename(const EndpointRoot& fromRoot, const RelativePath& from,
+                                      const EndpointRoot& toRoot, const RelativePath& to, RenameMode mode) {
+    enter("rename", displayPath(fromRoot, from));
+    inner_->rename(fromRoot, from, toRoot, to, mode);
+}
+
+void FaultInjectingFileSystem::setPermissions(const EndpointRoot& root, const RelativePath& path,
+                                              std::uint16_t mode) {
+    enter("setPermissions", displayPath(root, path));
+    inner_->setPermissions(root, path, mode);
+}
+
+void FaultInjectingFileSystem::setOwner(const EndpointRoot& root, const RelativePath& path, std::uint32_t uid,
+                                        std::uint32_t gid) {
+    enter("setOwner", displayPath(root, path));
+    inner_->setOwner(root, path, uid, gid);
+}
+
+void FaultInjectingFileSystem::setTimes(const EndpointRoot& root, const RelativePath& path,
+                                        FileTimestamp modification, std::optional<FileTimestamp> access) {
+    enter("setTimes", displayPath(root, path));
+    inner_->setTimes(root, path, modification, access);
+}
+
+CopyOutcome FaultInjectingFileSystem::copyFile(const EndpointRoot& sourceRoot, const RelativePath& sourcePath,
+                                               const EndpointRoot& stagingRoot, const RelativePath& stagingPath,
+                                               const CopyOptions& options, const CopyProgress& progress) {
+    enter("copyFile", displayPath(stagingRoot, stagingPath));
+    std::optional<CopyFault> fault;
+    std::vector<std::string> extraProblems;
+    {
+        std::lock_guard lock(mutex_);
+        fault = std::exchange(copyFault_, std::nullopt);
+        extraProblems = std::exchange(extraMetadataProblems_, {});
+    }
+    CopyProgress observed = progress;
+    if (fault) {
+        const std::string stagingShown = displayPath(stagingRoot, stagingPath);
+        observed = [progress, fault, stagingShown, total = std::int64_t{0}](std::int64_t increment) mutable {
+            total += increment;
+            if (total >= fault->bytes && total > 0) throw POSIXFileError(fault->errnoValue, "write", stagingShown);
+            return progress ? progress(increment) : true;
+        };
+    }
+    CopyOutcome outcome = inner_->copyFile(sourceRoot, sourcePath, stagingRoot, stagingPath, options, observed);
+    outcome.metadataProblems.insert(outcome.metadataProblems.end(), extraProblems.begin(), extraProblems.end());
+    return outcome;
+}
+
+Sha256Digest FaultInjectingFileSystem::sha256(const EndpointRoot& root, const RelativePath& path,
+                                              const HashOptions& options, const StopRequested& stopRequested) {
+    enter("sha256", displayPath(root, path));
+    return inner_->sha256(root, path, options, stopRequested);
+}
+
+bool FaultInjectingFileSystem::existsAtPath(const std::string& absolutePath) {
+    try {
+        enter("existsAtPath", absolutePath);
+    } catch (const POSIXFileError&) {
+        return false;
+    }
+    return inner_->existsAtPath(absolutePath);
+}
+
+FileSystemEntry FaultInjectingFileSystem::entryAtPath(const std::string& absolutePath) {
+    enter("entryAtPath", absolutePath);
+    return inner_->entryAtPath(absolutePath);
+}
+
+std::string FaultInjectingFileSystem::canonicalPath(const std::string& absolutePath) {
+    enter("canonicalPath", absolutePath);
+    return inner_->canonicalPath(absolutePath);
+}
+
+void FaultInjectingFileSystem::makeDirectoryAtPath(const std::string& absolutePath, std::uint16_t mode) {
+    enter("makeDirectoryAtPath", absolutePath);
+    inner_->makeDirectoryAtPath(absolutePath, mode);
+}
+
+VolumeInfo FaultInjectingFileSystem::volumeInfo(const std::string& absolutePath) {
+    enter("volumeInfo", absolutePath);
+    return inner_->volumeInfo(absolutePath);
+}
+
+}  // namespace varnel::testing
