@@ -1,0 +1,137 @@
+#include "common/DecodingError.hpp"
+#include "logs/RunLogStore.hpp"
+#include "support/TemporaryDirectory.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+namespace varnel {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct FinishedRun {
+    SyncProfile profile;
+    SyncPlan plan;
+    SyncRunResult result;
+    std::vector<ActionResult> actions;
+
+    explicit FinishedRun(SyncRunOutcome outcome = SyncRunOutcome::success) {
+        profile.id = Uuid::random();
+        profile.name = "Photos";
+        plan.sourceRoot = "/src";
+        plan.destinationRoot = "/dst";
+        plan.summary.filesToCopy = 2;
+        result.id = Uuid::random();
+        result.profileID = profile.id;
+        result.outcome = outcome;
+    }
+    RunLogInput input() const { return RunLogInput{profile, &plan, result, actions}; }
+};
+
+TEST(RunLogStoreTest, WritesRecordsInOrderWithACompactClosingRecord) {
+    testing::TemporaryDirectory temp;
+    RunLogStore store(temp.path() / "Logs");
+    FinishedRun run(SyncRunOutcome::failed);
+    run.actions.push_back({*RelativePath::fromString("a.txt"), SyncActionType::copyNewFile, false, 0, 0.1,
+                           std::string("copy_failed"), std::string("Could not copy “a.txt”.")});
+    run.result.warnings.emplace_back(SyncWarning::Category::hardLink, "linked", *RelativePath::fromString("h"));
+    run.result.errors.push_back({Uuid::random(), *RelativePath::fromString("a.txt"), "copy_failed", "msg"});
+    ASSERT_FALSE(store.write(run.input()));
+
+    const auto records = RunLogStore::readLog(store.logPath(run.result.id));
+    std::vector<std::string> kinds;
+    for (const auto& record : records) kinds.push_back(record.kind);
+    EXPECT_EQ(kinds, (std::vector<std::string>{"run.start", "plan.summary", "action", "warning", "error", "run.finish"}));
+    std::size_t configKeys = 0, buildKeys = 0;
+    for (const auto& [key, value] : records[0].payload) {
+        configKeys += key.starts_with("config.");
+        buildKeys += key.starts_with("build.");
+        if (key == "build.sourceRevision") {
+            EXPECT_FALSE(std::get<std::string>(value).empty());
+        }
+    }
+    EXPECT_GE(configKeys, 7u);
+    EXPECT_EQ(buildKeys, 4u);
+
+    std::ifstream in(store.logPath(run.result.id));
+    const std::string text((std::istreambuf_iterator<char>(in)), {});
+    EXPECT_NE(text.find("\"outcome\":\"failed\""), std::string::npos);
+    EXPECT_TRUE(fs::exists(store.reportPath(run.result.id)));
+}
+
+TEST(RunLogStoreTest, ReportAlignsLabelsAndCapsLists) {
+    FinishedRun run;
+    for (std::size_t i = 0; i < RunLogStore::kReportListLimit + 3; ++i) {
+        run.result.errors.push_back({Uuid::random(), std::nullopt, "copy_failed", "e" + std::to_string(i)});
+    }
+    run.result.verification = VerificationMode::verifyCopiedFiles;
+    run.result.filesVerified = 4;
+    run.result.verificationFailures = 1;
+    const std::string report = RunLogStore::makeReport(run.input());
+    EXPECT_TRUE(report.starts_with("Varnel Sync run report\n"));
+    EXPECT_NE(report.find("Destination  : /dst\n"), std::string::npos);
+    EXPECT_NE(report.find("Profile      : Photos\n"), std::string::npos);
+    EXPECT_NE(report.find("Bytes transferred: 0 bytes\n"), std::string::npos);
+    EXPECT_NE(report.find("Peak speed       : 0 B/s\n"), std::string::npos);
+    EXPECT_NE(report.find("Files verified   : 4 (failures: 1)\n"), std::string::npos);
+    EXPECT_NE(report.find("Errors (53)\n"), std::string::npos);
+    EXPECT_NE(report.find("  3 more (see the JSONL log).\n"), std::string::npos);
+}
+
+TEST(RunLogStoreTest, RetentionKeepsTheNewestRunsAndTheNewestFailedOne) {
+    testing::TemporaryDirectory temp;
+    RunLogStore store(temp.path(), 3);
+    FinishedRun failed(SyncRunOutcome::cancelled);
+    ASSERT_FALSE(store.write(failed.input()));
+    std::vector<Uuid> later;
+    for (int i = 0; i < 4; ++i) {
+        // File times order the runs; make them distinct.
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        FinishedRun run;
+        ASSERT_FALSE(store.write(run.input()));
+        later.push_back(run.result.id);
+    }
+    EXPECT_TRUE(fs::exists(store.logPath(failed.result.id))) << "the newest cancelled run is kept";
+    EXPECT_FALSE(fs::exists(store.logPath(later[0]))) << "the oldest ordinary run goes";
+    EXPECT_FALSE(fs::exists(store.reportPath(later[0])));
+    for (std::size_t i = 1; i < later.size(); ++i) EXPECT_TRUE(fs::exists(store.logPath(later[i])));
+}
+
+TEST(RunLogStoreTest, UnwritableFolderIsReportedNotThrown) {
+    testing::TemporaryDirectory temp;
+    temp.writeFile("blocker", "a file where the folder should be");
+    std::vector<std::string> diagnostics;
+    RunLogStore store(temp.path() / "blocker" / "Logs", 100, 50'000'000,
+                      [&](const std::string& message) { diagnostics.push_back(message); });
+    FinishedRun run;
+    const auto error = store.write(run.input());
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), "run_log_failure");
+    ASSERT_EQ(diagnostics.size(), 1u);
+    EXPECT_TRUE(diagnostics[0].starts_with("Could not create log directory: "));
+}
+
+TEST(LogRecordTest, ValuesAreBareJsonAndNullIsRefused) {
+    LogRecord record{"t", "action", {}};
+    record.add("s", std::string("x"));
+    record.add("i", std::int64_t{-3});
+    record.add("d", 1.5);
+    record.add("b", true);
+    const std::string line = encodeLine(record);
+    EXPECT_EQ(line, R"({"timestamp":"t","kind":"action","payload":{"s":"x","i":-3,"d":1.5,"b":true}})");
+    EXPECT_EQ(decodeLine(line), record);
+    try {
+        (void)decodeLine(R"({"timestamp":"t","kind":"k","payload":{"v":null}})");
+        FAIL() << "null must be refused";
+    } catch (const DecodingError& error) {
+        EXPECT_STREQ(error.what(), "Unsupported log value");
+    }
+}
+
+}  // namespace
+}  // namespace varnel

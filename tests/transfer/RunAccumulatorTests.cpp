@@ -1,0 +1,92 @@
+#include "transfer/RunAccumulator.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+namespace varnel {
+namespace {
+
+SyncAction copyOf(const std::string& path) {
+    return SyncAction{SyncActionType::copyNewFile, *RelativePath::fromString(path), {}, {}, {}, 10};
+}
+
+RunAccumulator::RunFacts facts() {
+    RunAccumulator::RunFacts f;
+    f.runID = Uuid::random();
+    f.profileID = Uuid::random();
+    f.durationSeconds = 2;
+    return f;
+}
+
+TEST(RunAccumulatorTest, DetailIsCappedWhileTotalsStayExact) {
+    RunAccumulator accumulator(DurabilityMode::fast);
+    for (int i = 0; i < 25'000; ++i) accumulator.recordSuccess(copyOf("f" + std::to_string(i)), 10, false, {}, 0);
+    for (int i = 0; i < 10'001; ++i) {
+        accumulator.recordFailure(copyOf("e" + std::to_string(i)), SyncError::CopyFailed{RelativePath(), EIO, "d"});
+    }
+    const SyncRunResult result = accumulator.makeResult(facts());
+    EXPECT_EQ(result.filesCopied, 25'000);
+    EXPECT_EQ(result.bytesTransferred, 250'000u);
+    EXPECT_EQ(result.filesFailed, 10'001);
+    EXPECT_EQ(result.errors.size(), 10'000u);
+    // 20,000 successes plus one failed result per stored error.
+    EXPECT_EQ(accumulator.actionResults().size(), 30'000u);
+    ASSERT_FALSE(result.warnings.empty());
+    EXPECT_EQ(result.warnings.back().message,
+              "Per-item detail was capped to keep memory bounded: 5000 successful action(s) and 1 error(s) are not "
+              "individually listed. The totals above remain exact.");
+    EXPECT_EQ(result.averageBytesPerSecond, 125'000);
+    EXPECT_EQ(result.outcome, SyncRunOutcome::completedWithWarnings);
+}
+
+TEST(RunAccumulatorTest, OutcomesWarningsAndDurability) {
+    RunAccumulator clean(DurabilityMode::fast);
+    clean.recordSuccess(copyOf("a"), 1, true, {}, 0);
+    clean.recordDurability(DurabilityOutcome::fastNoFlush, 0, std::nullopt);
+    const auto success = clean.makeResult(facts());
+    EXPECT_EQ(success.outcome, SyncRunOutcome::success);
+    EXPECT_EQ(success.filesVerified, 1);
+    EXPECT_EQ(success.durability.flushCount, 0) << "a Fast-mode file took no flush time";
+
+    RunAccumulator run(DurabilityMode::durable);
+    run.recordSuccess(copyOf("a/b"), 1, false, {"owner", "extended attributes"}, 0);
+    run.recordDurability(DurabilityOutcome::uncertainDirectoryNotFlushed, 0.5,
+                         DurabilityError::ParentDirectoryFlushFailed{"/d/a", EIO}, *RelativePath::fromString("a/b"));
+    run.setFatalError(SyncError::VolumeDisappeared{EndpointRole::destination, std::string("USB")});
+    run.setFatalError(SyncError::Cancelled{});
+    const auto failed = run.makeResult(facts());
+    EXPECT_EQ(failed.outcome, SyncRunOutcome::failed) << "the first fatal error is kept";
+    EXPECT_EQ(failed.durability.filesUncertainDurability, 1);
+    EXPECT_EQ(failed.durability.flushCount, 1);
+    ASSERT_EQ(failed.warnings.size(), 2u);
+    EXPECT_EQ(failed.warnings[0].message, "Could not preserve owner, extended attributes for “a/b”.");
+    EXPECT_TRUE(failed.warnings[1].message.starts_with("Durability could not be confirmed. The folder “/d/a”"));
+
+    RunAccumulator stopped(DurabilityMode::fast);
+    stopped.setFatalError(SyncError::Cancelled{});
+    EXPECT_EQ(stopped.makeResult(facts()).outcome, SyncRunOutcome::cancelled);
+}
+
+TEST(SyncRunResultTest, JsonKeysInDeclarationOrderAndRoundTrip) {
+    RunAccumulator run(DurabilityMode::maximum);
+    run.recordFailure(copyOf("x"), SyncError::VerificationFailed{*RelativePath::fromString("x"), "aa", "bb"});
+    auto f = facts();
+    f.startedAt = *parseISO8601("2026-03-01T09:30:00Z");
+    f.finishedAt = *parseISO8601("2026-03-01T09:30:02Z");
+    f.logFileName = "run-X.jsonl";
+    const SyncRunResult result = run.makeResult(f);
+    EXPECT_EQ(result.verificationFailures, 1);
+    const auto json = toJSON(result);
+    std::vector<std::string> keys;
+    for (const auto& [key, value] : json.items()) keys.push_back(key);
+    EXPECT_EQ(keys.front(), "id");
+    EXPECT_EQ(keys[2], "mode");  // no planID in this run
+    EXPECT_EQ(keys[3], "outcome");
+    EXPECT_EQ(keys.back(), "logFileName");
+    EXPECT_FALSE(json.contains("planID"));
+    EXPECT_EQ(runResultFromJSON(nlohmann::json::parse(json.dump())), result);
+}
+
+}  // namespace
+}  // namespace varnel
