@@ -1,0 +1,170 @@
+#include "archive/ArchiveLayout.hpp"
+#include "archive/ArchiveMover.hpp"
+#include "scan/RealFileSystem.hpp"
+#include "support/FakeFileSystem.hpp"
+#include "support/TemporaryDirectory.hpp"
+#include "transfer/SyncError.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+
+namespace varnel::testing {
+namespace {
+
+namespace fs = std::filesystem;
+
+RelativePath rel(const std::string& value) { return *RelativePath::fromString(value); }
+
+const RelativePath kRun = rel(".VarnelSync-Archive/0F5C2A1E-7B3D-4C8E-9A10-5D2E8F7B6C41/2025-03-07-141502");
+
+// The message of the SyncError the call throws, or "" when it does not throw.
+std::string failureOf(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const SyncError& error) {
+        return error.code() + ": " + error.message();
+    }
+    return "";
+}
+
+TEST(ArchiveMoverTest, ItemsKeepTheirRelativePathBelowTheRunFolder) {
+    TemporaryDirectory destination;
+    destination.writeFile("Projects/old/a.txt", "12345");
+    destination.writeFile("Projects/old/b.txt", "b");
+    destination.writeFile("Gone/deep/c.txt", "c");
+    RealFileSystem fileSystem;
+    const ArchiveMover mover(fileSystem);
+    const EndpointRoot root = fileSystem.openRoot(destination.string());
+
+    // Deepest first, as the plan orders archive moves: the folders are merged last.
+    const auto moved = mover.move(root, rel("Projects/old/a.txt"), kRun);
+    EXPECT_EQ(moved, (ArchiveMover::Result{rel(kRun.value() + "/Projects/old/a.txt"), 5, false}));
+    mover.move(root, rel("Projects/old/b.txt"), kRun);
+    mover.move(root, rel("Projects/old"), kRun);
+    mover.move(root, rel("Projects"), kRun);
+    // A folder whose contents were not planned one by one goes in one rename.
+    EXPECT_EQ(mover.move(root, rel("Gone"), kRun).bytesArchived, 0U);
+
+    const fs::path archive = destination / kRun.value();
+    EXPECT_EQ(destination.readFile(kRun.value() + "/Projects/old/a.txt"), "12345");
+    EXPECT_EQ(destination.readFile(kRun.value() + "/Projects/old/b.txt"), "b");
+    EXPECT_EQ(destination.readFile(kRun.value() + "/Gone/deep/c.txt"), "c");
+    EXPECT_FALSE(fs::exists(destination / "Projects"));
+    EXPECT_FALSE(fs::exists(destination / "Gone"));
+
+    // A second item at a place already taken in the same run folder: both stay.
+    destination.writeFile("Projects/old/a.txt", "new");
+    EXPECT_EQ(failureOf([&] { mover.move(root, rel("Projects/old/a.txt"), kRun); }),
+              "archive_failed: Could not move “Projects/old/a.txt” to the archive folder. File exists");
+    EXPECT_EQ(destination.readFile("Projects/old/a.txt"), "new");
+    EXPECT_EQ(destination.readFile(kRun.value() + "/Projects/old/a.txt"), "12345");
+
+    EXPECT_NE(failureOf([&] { mover.move(root, rel(".VarnelSync-Archive"), kRun); }), "");
+}
+
+// Copies through the fake, like the copy engine would, or fails as told.
+struct FakeCopier final : CrossDeviceCopying {
+    explicit FakeCopier(FakeFileSystem& fileSystem) : fileSystem(fileSystem) {}
+
+    std::uint64_t copy(const EndpointRoot& destination, const FileSystemEntry& item, const RelativePath& runFolder,
+                       std::stop_token) override {
+        ++calls;
+        if (failure) throw *failure;
+        const std::string contents = fileSystem.contents(destination.path() + "/" + item.relativePath.value());
+        fileSystem.addFile(destination.path() + "/" + ArchiveLayout::archivedPath(runFolder, item.relativePath).value(),
+                           contents);
+        return contents.size();
+    }
+
+    FakeFileSystem& fileSystem;
+    std::optional<SyncError> failure;
+    int calls = 0;
+};
+
+struct CrossDeviceHarness {
+    FakeFileSystem fileSystem;
+    std::shared_ptr<FakeCopier> copier = std::make_shared<FakeCopier>(fileSystem);
+    ArchiveMover mover{fileSystem, copier};
+    EndpointRoot root;
+
+    CrossDeviceHarness() {
+        fileSystem.addFile("/dst/mnt/sub/x.txt", "xx");
+        fileSystem.addFile("/dst/mnt/sub/y.txt", "yyy");
+        VolumeInfo other;
+        other.deviceID = 2;
+        fileSystem.setVolume("/dst/mnt", other);  // another file system mounted inside the destination
+        root = fileSystem.openRoot("/dst");
+    }
+    std::string archived(const std::string& path) { return "/dst/" + kRun.value() + "/" + path; }
+};
+
+TEST(ArchiveMoverTest, AnItemOnAnotherDeviceIsCopiedThenRemoved) {
+    CrossDeviceHarness h;
+    const auto moved = h.mover.move(h.root, rel("mnt/sub/x.txt"), kRun);
+    EXPECT_TRUE(moved.copiedAcrossDevices);
+    EXPECT_EQ(moved.bytesArchived, 2U);
+    EXPECT_EQ(h.fileSystem.contents(h.archived("mnt/sub/x.txt")), "xx");
+    EXPECT_FALSE(h.fileSystem.existsAtPath("/dst/mnt/sub/x.txt"));
+
+    // A folder there is recreated in the archive and emptied item by item.
+    EXPECT_TRUE(h.mover.move(h.root, rel("mnt/sub"), kRun).copiedAcrossDevices);
+    EXPECT_EQ(h.fileSystem.contents(h.archived("mnt/sub/y.txt")), "yyy");
+    EXPECT_FALSE(h.fileSystem.existsAtPath("/dst/mnt/sub"));
+    EXPECT_EQ(h.copier->calls, 2);
+}
+
+TEST(ArchiveMoverTest, AFailedCopyLeavesTheOriginalInPlace) {
+    CrossDeviceHarness h;
+    h.copier->failure = SyncError(SyncError::CopyFailed{rel("mnt/sub/x.txt"), ENOSPC, "No space left on device"});
+    const std::string failure = failureOf([&] { h.mover.move(h.root, rel("mnt/sub"), kRun); });
+    EXPECT_EQ(failure.rfind("archive_failed: Could not move “mnt/sub/x.txt” to the archive folder. ", 0), 0U)
+        << failure;
+    EXPECT_EQ(h.fileSystem.contents("/dst/mnt/sub/x.txt"), "xx");
+    EXPECT_EQ(h.fileSystem.contents("/dst/mnt/sub/y.txt"), "yyy");
+
+    // Without a copier the move fails with the system's message; nothing moves.
+    const ArchiveMover withoutCopier(h.fileSystem);
+    EXPECT_EQ(failureOf([&] { withoutCopier.move(h.root, rel("mnt/sub/y.txt"), kRun); }),
+              "archive_failed: Could not move “mnt/sub/y.txt” to the archive folder. Invalid cross-device link");
+
+    // Removing the original fails after a complete copy: the item is in both places.
+    h.copier->failure.reset();
+    h.fileSystem.failNext("unlink", EACCES, "/dst/mnt/sub/y.txt");
+    EXPECT_EQ(failureOf([&] { h.mover.move(h.root, rel("mnt/sub/y.txt"), kRun); }),
+              "archive_failed: Could not move “mnt/sub/y.txt” to the archive folder. It was copied to the archive "
+              "folder, but the original could not be removed: Permission denied");
+    EXPECT_EQ(h.fileSystem.contents("/dst/mnt/sub/y.txt"), "yyy");
+    EXPECT_EQ(h.fileSystem.contents(h.archived("mnt/sub/y.txt")), "yyy");
+}
+
+TEST(ArchiveMoverTest, ArchiveFolderFailuresAndCancellation) {
+    FakeFileSystem fileSystem;
+    fileSystem.addFile("/dst/a.txt", "a");
+    const ArchiveMover mover(fileSystem);
+    const EndpointRoot root = fileSystem.openRoot("/dst");
+
+    fileSystem.failNext("mkdir", EACCES);
+    EXPECT_EQ(failureOf([&] { mover.move(root, rel("a.txt"), kRun); }),
+              "archive_failed: Could not move “a.txt” to the archive folder. Could not create the archive folder: "
+              "Permission denied");
+    // A link planted in place of the archive root is never followed.
+    fileSystem.addSymlink("/dst/.VarnelSync-Archive", "/elsewhere");
+    EXPECT_EQ(failureOf([&] { mover.move(root, rel("a.txt"), kRun); }),
+              "archive_failed: Could not move “a.txt” to the archive folder. Could not create the archive folder: "
+              "Not a directory");
+
+    std::stop_source stop;
+    stop.request_stop();
+    EXPECT_EQ(failureOf([&] { mover.move(root, rel("a.txt"), kRun, stop.get_token()); }),
+              "cancelled: The synchronization was cancelled.");
+    EXPECT_EQ(fileSystem.contents("/dst/a.txt"), "a");
+    EXPECT_FALSE(fileSystem.existsAtPath("/elsewhere"));
+}
+
+}  // namespace
+}  // namespace varnel::testing
