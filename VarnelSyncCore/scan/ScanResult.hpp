@@ -60,6 +60,8 @@ public:
     std::vector<CaseCollision> caseCollisions;
     std::vector<RelativePath> unreadableDirectories;
     std::vector<ReadFailure> readFailures;
+    // Staging-named items found on the destination: leftovers of interrupted runs.
+    std::vector<FileSystemEntry> stagingItems;
 
 private:
     std::deque<FileSystemEntry> entries_;

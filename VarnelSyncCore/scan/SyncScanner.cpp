@@ -182,6 +182,11 @@ private:
         }
 
         if (PartialFileNaming::isStagingName(name)) {
+            if (role_ == EndpointRole::destination) {
+                // The engine's own leftovers; analysis summarises them in one warning.
+                result_.stagingItems.push_back(std::move(entry));
+                return;
+            }
             result_.warnings.emplace_back(
                 Category::orphanedPartialFile,
                 trFormat("“{}” is named like a Varnel Sync staging file, so it was not copied. If this is your own "

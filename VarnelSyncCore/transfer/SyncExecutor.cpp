@@ -1,0 +1,313 @@
+#include "transfer/SyncExecutor.hpp"
+
+#include "common/Localization.hpp"
+#include "scan/POSIXFileError.hpp"
+#include "transfer/ProgressSink.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
+namespace varnel {
+
+namespace {
+
+bool isCopy(SyncActionType type) {
+    return type == SyncActionType::copyNewFile || type == SyncActionType::replaceChangedFile ||
+           type == SyncActionType::createSymlink || type == SyncActionType::replaceSymlink;
+}
+
+std::string operationLabel(const SyncAction& action) {
+    const bool download = action.sourceEntry && action.sourceEntry->isDataless;
+    switch (action.type) {
+        case SyncActionType::copyNewFile: return download ? tr("Downloading and copying") : tr("Copying");
+        case SyncActionType::replaceChangedFile: return download ? tr("Downloading and updating") : tr("Updating");
+        default: return tr("Copying");
+    }
+}
+
+std::uint64_t plannedSize(const SyncAction& action) {
+    return action.expectedBytes > 0 ? static_cast<std::uint64_t>(action.expectedBytes) : 0;
+}
+
+}  // namespace
+
+// The state of one execution: the plan's roots, the accumulator and the stop flag.
+class SyncExecutor::Run {
+public:
+    Run(const Collaborators& c, const SyncPlan& plan, const std::optional<RelativePath>& archiveRunFolder,
+        CancellationFlag& cancellation, ProgressAggregator& progress)
+        : c_(c),
+          plan_(plan),
+          archiveRunFolder_(archiveRunFolder),
+          cancellation_(cancellation),
+          progress_(progress),
+          accumulator_(c.copyEngine.durabilityMode) {}
+
+    RunAccumulator& accumulator() { return accumulator_; }
+
+    void execute() {
+        std::vector<const SyncAction*> typeChangeArchives, folders, copies, archives;
+        std::uint64_t plannedBytes = 0;
+        int plannedFiles = 0;
+        for (const auto& action : plan_.actions) {
+            switch (action.type) {
+                case SyncActionType::createDirectory: folders.push_back(&action); break;
+                case SyncActionType::archiveDestinationItem:
+                    (action.reason.is<SyncActionReason::TypeChanged>() ? typeChangeArchives : archives)
+                        .push_back(&action);
+                    break;
+                default:
+                    if (isCopy(action.type)) {
+                        copies.push_back(&action);
+                        plannedBytes += plannedSize(action);
+                        ++plannedFiles;
+                    }
+                    break;
+            }
+        }
+        progress_.setPlannedTotals(plannedBytes, plannedFiles);
+
+        if (!typeChangeArchives.empty()) archive(typeChangeArchives);
+        createFolders(folders);
+        copyAll(copies);
+        if (!stopped()) progress_.setPhase(SyncPhase::verifying);
+        if (!archives.empty()) archive(archives);
+        finish();
+        if (const auto reason = cancellation_.reason()) accumulator_.setFatalError(*reason);
+    }
+
+private:
+    bool stopped() const { return cancellation_.isCancelled(); }
+
+    void createFolders(const std::vector<const SyncAction*>& folders) {
+        if (folders.empty()) return;
+        progress_.setPhase(SyncPhase::creatingDirectories);
+        for (const SyncAction* action : folders) {
+            if (stopped()) return;
+            const auto start = c_.clock->nanoseconds();
+            try {
+                c_.fileSystem->makeDirectory(c_.copyEngine.destinationRoot, action->relativePath, 0700);
+                created_.push_back(action);
+            } catch (const POSIXFileError& error) {
+                if (error.errnoValue() == EEXIST && folderExists(action->relativePath)) {
+                    // Someone made it meanwhile; it is a folder, so nothing is lost.
+                } else {
+                    accumulator_.recordFailure(*action,
+                                               SyncError::DirectoryCreationFailed{action->relativePath, error.message()},
+                                               secondsSince(start));
+                    continue;
+                }
+            }
+            accumulator_.recordSuccess(*action, 0, false, {}, secondsSince(start));
+            progress_.recordDirectoryCreated();
+        }
+    }
+
+    bool folderExists(const RelativePath& path) const {
+        try {
+            return c_.fileSystem->entry(c_.copyEngine.destinationRoot, path).isDirectory();
+        } catch (const POSIXFileError&) {
+            return false;
+        }
+    }
+
+    void copyAll(const std::vector<const SyncAction*>& copies) {
+        if (copies.empty() || stopped()) return;
+        progress_.setPhase(SyncPhase::copying);
+        std::vector<SyncAction> ordered;
+        ordered.reserve(copies.size());
+        for (const SyncAction* action : copies) ordered.push_back(*action);
+        for (const auto& batch : c_.scheduler.batches(std::move(ordered))) {
+            if (stopped()) break;
+            runBatch(batch);
+        }
+    }
+
+    // Runs one batch with its class's concurrency: workers take the next action in plan
+    // order until the batch is done or the run is stopped.
+    void runBatch(const TransferScheduler::Batch& batch) {
+        const int workers = std::min<int>(c_.scheduler.concurrency(batch.sizeClass),
+                                          static_cast<int>(batch.actions.size()));
+        std::atomic<std::size_t> next{0};
+        const auto work = [&] {
+            for (std::size_t i = next++; i < batch.actions.size() && !stopped(); i = next++) {
+                performTransfer(batch.actions[i]);
+            }
+        };
+        if (workers <= 1) {
+            work();
+            return;
+        }
+        std::vector<std::jthread> threads;
+        threads.reserve(static_cast<std::size_t>(workers));
+        for (int w = 0; w < workers; ++w) threads.emplace_back(work);
+    }
+
+    void performTransfer(const SyncAction& action) {
+        const auto start = c_.clock->nanoseconds();
+        const RelativePath& path = action.relativePath;
+        if (!action.sourceEntry) {
+            fail(action, SyncError::CopyFailed{path, 0, tr("The plan entry carried no source information.")}, start);
+            return;
+        }
+        if (sourceChanged(action)) {
+            accumulator_.recordSkip(path, tr("The source changed after analysis."));
+            progress_.finishItem(path, ProgressAggregator::ItemOutcome::skipped, plannedSize(action));
+            return;
+        }
+        progress_.beginItem(path, plannedSize(action), operationLabel(action));
+        ProgressSink sink(progress_, *c_.clock, path);
+        const auto isCancelled = [this] { return stopped(); };
+        try {
+            FileResult result;
+            if (action.type == SyncActionType::createSymlink || action.type == SyncActionType::replaceSymlink) {
+                if (!action.sourceEntry->symlinkTarget) {
+                    throw SyncError(SyncError::CopyFailed{path, 0, tr("The link target could not be read.")});
+                }
+                result = c_.copyEngine.writeSymbolicLink(action, isCancelled);
+            } else {
+                result = c_.copyEngine.copyFile(action, [&](std::int64_t bytes) { sink.add(bytes); }, isCancelled);
+            }
+            sink.finish();
+            accumulator_.recordSuccess(action, result.bytesWritten, result.verified, result.metadataProblems,
+                                       secondsSince(start));
+            accumulator_.recordDurability(result.durabilityOutcome, result.flushSeconds, result.durabilityWarning, path);
+            progress_.finishItem(path, ProgressAggregator::ItemOutcome::completed);
+        } catch (const SyncError& error) {
+            sink.finish();
+            if (error.is<SyncError::Cancelled>()) {
+                progress_.finishItem(path, ProgressAggregator::ItemOutcome::skipped);
+                return;  // the stop itself is recorded once, at the end
+            }
+            if (error.is<SyncError::SourceChangedSinceAnalysis>()) {
+                accumulator_.recordSkip(path, error.message());
+                progress_.finishItem(path, ProgressAggregator::ItemOutcome::skipped);
+                return;
+            }
+            fail(action, error, start);
+        } catch (const POSIXFileError& error) {
+            sink.finish();
+            fail(action, SyncError::CopyFailed{path, error.errnoValue(), error.message()}, start);
+        }
+    }
+
+    // Compares the source as it is now with the facts the plan was made from.
+    bool sourceChanged(const SyncAction& action) const {
+        try {
+            const FileSystemEntry now = c_.fileSystem->entry(c_.copyEngine.sourceRoot, action.relativePath);
+            return !std::holds_alternative<FileComparator::Unchanged>(c_.comparator.compare(now, *action.sourceEntry));
+        } catch (const POSIXFileError&) {
+            return true;  // gone or unreadable: not what was planned
+        }
+    }
+
+    void fail(const SyncAction& action, const SyncError& error, std::uint64_t start) {
+        accumulator_.recordFailure(action, error, secondsSince(start));
+        progress_.finishItem(action.relativePath, ProgressAggregator::ItemOutcome::failed, plannedSize(action));
+    }
+
+    void archive(const std::vector<const SyncAction*>& items) {
+        if (stopped()) return;
+        progress_.setPhase(SyncPhase::archiving);
+        if (!archiveRunFolder_) {
+            for (const SyncAction* action : items) {
+                accumulator_.recordFailure(
+                    *action, SyncError::ArchiveFailed{action->relativePath,
+                                                      tr("Could not create the archive folder: no archive folder was "
+                                                         "chosen for this run.")});
+            }
+            return;
+        }
+        const ArchiveMover mover(*c_.fileSystem);
+        for (const SyncAction* action : items) {
+            if (stopped()) return;
+            const auto start = c_.clock->nanoseconds();
+            try {
+                const auto moved = mover.move(c_.copyEngine.destinationRoot, action->relativePath, *archiveRunFolder_);
+                const std::uint64_t bytes =
+                    action->destinationEntry && action->destinationEntry->isRegularFile()
+                        ? static_cast<std::uint64_t>(action->destinationEntry->size)
+                        : moved.bytesArchived;
+                accumulator_.recordSuccess(*action, bytes, false, {}, secondsSince(start));
+                progress_.recordItemArchived();
+            } catch (const SyncError& error) {
+                if (error.is<SyncError::Cancelled>()) return;
+                accumulator_.recordFailure(*action, error, secondsSince(start));
+            }
+        }
+    }
+
+    // Created folders take their source's permissions and times once their contents are
+    // written (writing inside a folder changes its time), then are flushed deepest first.
+    void finish() {
+        progress_.setPhase(SyncPhase::finishing);
+        const auto& root = c_.copyEngine.destinationRoot;
+        const bool flush = c_.copyEngine.durabilityMode != DurabilityMode::fast;
+        for (auto it = created_.rbegin(); it != created_.rend(); ++it) {
+            const SyncAction& action = **it;
+            const FileSystemEntry& source = *action.sourceEntry;
+            try {
+                c_.fileSystem->setPermissions(root, action.relativePath, source.posixPermissions);
+                c_.fileSystem->setTimes(root, action.relativePath, source.modificationTime);
+            } catch (const POSIXFileError&) {
+                accumulator_.addWarning(SyncWarning(SyncWarning::Category::metadataNotPreserved,
+                                                    trFormat("Could not preserve {} for “{}”.", "permissions, timestamps",
+                                                             action.relativePath.description()),
+                                                    action.relativePath));
+            }
+            if (!flush) continue;
+            bool flushed = true;
+            try {
+                (void)c_.flusher->flushDirectory(root, action.relativePath, c_.copyEngine.durabilityMode);
+            } catch (const DurabilityError&) {
+                flushed = false;
+            }
+            accumulator_.recordDirectoryTreeFlush(action.relativePath, flushed);
+        }
+    }
+
+    double secondsSince(std::uint64_t start) const {
+        return MonotonicClock::secondsBetween(start, c_.clock->nanoseconds());
+    }
+
+    const Collaborators& c_;
+    const SyncPlan& plan_;
+    const std::optional<RelativePath>& archiveRunFolder_;
+    CancellationFlag& cancellation_;
+    ProgressAggregator& progress_;
+    RunAccumulator accumulator_;
+    std::vector<const SyncAction*> created_;  // folders this run made, parents first
+};
+
+SyncExecutor::SyncExecutor(Collaborators collaborators) : c_(std::move(collaborators)) {}
+
+SyncExecutor::Execution SyncExecutor::execute(const SyncPlan& plan, const Uuid& runID,
+                                              const std::optional<RelativePath>& archiveRunFolder,
+                                              CancellationFlag& cancellation, ProgressAggregator& progress,
+                                              const std::vector<SyncWarning>& extraWarnings) const {
+    const Date startedAt = std::chrono::system_clock::now();
+    const auto start = c_.clock->nanoseconds();
+    Run run(c_, plan, archiveRunFolder, cancellation, progress);
+    for (const auto& warning : extraWarnings) run.accumulator().addWarning(warning);
+    run.execute();
+
+    RunAccumulator::RunFacts facts;
+    facts.runID = runID;
+    facts.profileID = plan.profileID;
+    facts.planID = plan.id;
+    facts.mode = plan.mode;
+    facts.startedAt = startedAt;
+    facts.finishedAt = std::chrono::system_clock::now();
+    facts.durationSeconds = MonotonicClock::secondsBetween(start, c_.clock->nanoseconds());
+    facts.peakBytesPerSecond = progress.peakBytesPerSecond();
+    facts.verification = c_.copyEngine.verificationMode;
+    Execution execution{run.accumulator().makeResult(facts), run.accumulator().actionResults()};
+    progress.setPhase(execution.result.outcome == SyncRunOutcome::cancelled ? SyncPhase::cancelled
+                      : execution.result.outcome == SyncRunOutcome::failed  ? SyncPhase::failed
+                                                                            : SyncPhase::completed);
+    return execution;
+}
+
+}  // namespace varnel

@@ -1,0 +1,163 @@
+#include "archive/ArchiveLayout.hpp"
+#include "plan/SyncPlanner.hpp"
+#include "scan/RealFileSystem.hpp"
+#include "scan/SyncScanner.hpp"
+#include "support/TemporaryDirectory.hpp"
+#include "transfer/POSIXFileFlusher.hpp"
+#include "transfer/PartialFileNaming.hpp"
+#include "transfer/SyncExecutor.hpp"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+namespace varnel {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A source/destination pair on disk, analysed and run as the coordinator would.
+class ExecutorTest : public ::testing::Test {
+protected:
+    fs::path source() const { return temp.path() / "src"; }
+    fs::path destination() const { return temp.path() / "dst"; }
+
+    SyncPlan analyze(SyncMode mode) {
+        fs::create_directories(source());
+        fs::create_directories(destination());
+        const SyncScanner scanner(*fileSystem, ExclusionEngine({}, HiddenFilePolicy::include));
+        const auto sourceScan = scanner.scan(fileSystem->openRoot(source()), EndpointRole::source, true);
+        const auto destinationScan = scanner.scan(fileSystem->openRoot(destination()), EndpointRole::destination, true);
+        SyncPlanner::Input input{.profileID = profileID,
+                                 .mode = mode,
+                                 .sourceRoot = source().string(),
+                                 .destinationRoot = destination().string(),
+                                 .source = sourceScan,
+                                 .destination = destinationScan,
+                                 .destinationFreeBytes = 1'000'000'000};
+        return SyncPlanner(FileComparator(FileComparator::kHighPrecisionToleranceNanoseconds)).plan(input);
+    }
+
+    SyncExecutor::Execution run(const SyncPlan& plan, DurabilityMode durability = DurabilityMode::fast,
+                                CancellationFlag* stop = nullptr,
+                                std::function<void(const TransferProgress&)> onProgress = {}) {
+        FileCopyEngine engine;
+        engine.fileSystem = fileSystem;
+        engine.durabilityMode = durability;
+        engine.flusher = std::make_shared<POSIXFileFlusher>(clock);
+        engine.runID = runID;
+        engine.sourceRoot = fileSystem->openRoot(source());
+        engine.destinationRoot = fileSystem->openRoot(destination());
+        TransferScheduler scheduler;
+        scheduler.processorCount = 2;
+        SyncExecutor executor({fileSystem, engine, scheduler,
+                               FileComparator(FileComparator::kHighPrecisionToleranceNanoseconds), clock,
+                               engine.flusher});
+        ProgressAggregator progress(clock, {}, 0, 0);
+        if (onProgress) progress.setSnapshotHandler(onProgress);
+        CancellationFlag ownFlag;
+        return executor.execute(plan, runID, ArchiveLayout::runFolder(profileID, plan.createdAt), stop ? *stop : ownFlag,
+                                progress);
+    }
+
+    // Every name below the destination that is a staging file.
+    std::vector<std::string> stagingLeftovers() const {
+        std::vector<std::string> found;
+        for (const auto& item : fs::recursive_directory_iterator(destination())) {
+            if (PartialFileNaming::isStagingName(item.path().filename().string())) found.push_back(item.path());
+        }
+        return found;
+    }
+
+    testing::TemporaryDirectory temp;
+    std::shared_ptr<RealFileSystem> fileSystem = std::make_shared<RealFileSystem>();
+    std::shared_ptr<const MonotonicClock> clock = std::make_shared<SteadyMonotonicClock>();
+    Uuid profileID = Uuid::random();
+    Uuid runID = Uuid::random();
+};
+
+TEST_F(ExecutorTest, MirrorCopiesAndArchivesDestinationOnlyItemsUnderTheRunFolder) {
+    temp.writeFile("src/a/new.txt", "new contents");
+    temp.writeFile("src/keep.txt", "same");
+    temp.writeFile("dst/old/deep/gone.txt", "archived");
+    temp.writeFile("dst/stale.txt", "archived too");
+    fs::create_symlink("a/new.txt", source() / "link");
+    const SyncPlan plan = analyze(SyncMode::mirror);
+
+    const auto execution = run(plan, DurabilityMode::durable);
+    const SyncRunResult& result = execution.result;
+    EXPECT_EQ(result.outcome, SyncRunOutcome::success) << (result.errors.empty() ? "" : result.errors[0].message);
+    EXPECT_EQ(result.filesCopied, 2);
+    EXPECT_EQ(result.symlinksWritten, 1);
+    EXPECT_EQ(result.directoriesCreated, 1);
+    EXPECT_EQ(result.itemsArchived, 4);  // old/deep/gone.txt, old/deep, stale.txt, old
+    EXPECT_EQ(result.durability.directoriesTreeFlushed, 1);
+    EXPECT_EQ(temp.readFile("dst/a/new.txt"), "new contents");
+    EXPECT_EQ(fs::read_symlink(destination() / "link"), "a/new.txt");
+
+    const fs::path runFolder = destination() / ArchiveLayout::runFolder(profileID, plan.createdAt).value();
+    EXPECT_EQ(temp.readFile(fs::relative(runFolder / "old/deep/gone.txt", temp.path())), "archived");
+    EXPECT_EQ(temp.readFile(fs::relative(runFolder / "stale.txt", temp.path())), "archived too");
+    EXPECT_FALSE(fs::exists(destination() / "old"));
+    EXPECT_FALSE(fs::exists(destination() / "stale.txt"));
+    EXPECT_TRUE(stagingLeftovers().empty());
+    EXPECT_EQ(execution.actionResults.size(), 8u);
+}
+
+TEST_F(ExecutorTest, UpdateNeverTouchesDestinationOnlyItems) {
+    temp.writeFile("src/new.txt", "n");
+    temp.writeFile("dst/mine.txt", "the user's own file");
+    const auto execution = run(analyze(SyncMode::update));
+    EXPECT_EQ(execution.result.filesCopied, 1);
+    EXPECT_EQ(execution.result.itemsArchived, 0);
+    EXPECT_EQ(temp.readFile("dst/mine.txt"), "the user's own file");
+    EXPECT_FALSE(fs::exists(destination() / ".VarnelSync-Archive"));
+}
+
+TEST_F(ExecutorTest, ASourceEditedAfterAnalysisIsSkippedWithAWarning) {
+    temp.writeFile("src/doc.txt", "first");
+    temp.writeFile("src/other.txt", "other");
+    const SyncPlan plan = analyze(SyncMode::update);
+    temp.writeFile("src/doc.txt", "edited after the plan was made");
+    const auto result = run(plan).result;
+    EXPECT_EQ(result.filesSkipped, 1);
+    EXPECT_EQ(result.filesCopied, 1);
+    EXPECT_FALSE(fs::exists(destination() / "doc.txt"));
+    ASSERT_EQ(result.warnings.size(), 1u);
+    EXPECT_EQ(result.warnings[0].category, SyncWarning::Category::sourceChangedDuringRun);
+    EXPECT_EQ(result.outcome, SyncRunOutcome::completedWithWarnings);
+}
+
+TEST_F(ExecutorTest, StoppingMidRunKeepsEarlierFilesCompleteAndLeavesNoStagingFile) {
+    for (int i = 0; i < 40; ++i) temp.writeFile("src/f" + std::to_string(100 + i), std::string(1000, 'x'));
+    const SyncPlan plan = analyze(SyncMode::update);
+    CancellationFlag stop;
+    const auto result = run(plan, DurabilityMode::fast, &stop, [&](const TransferProgress& progress) {
+        if (progress.filesCompleted >= 10) stop.cancel();
+    }).result;
+    EXPECT_EQ(result.outcome, SyncRunOutcome::cancelled);
+    EXPECT_GE(result.filesCopied, 10);
+    EXPECT_LT(result.filesCopied, 40);
+    int present = 0;
+    for (const auto& item : fs::directory_iterator(destination())) {
+        EXPECT_EQ(fs::file_size(item.path()), 1000u) << item.path() << " is incomplete";
+        ++present;
+    }
+    EXPECT_EQ(present, result.filesCopied);
+    EXPECT_TRUE(stagingLeftovers().empty());
+}
+
+TEST_F(ExecutorTest, ManySmallFilesKeepExactTotalsWithCappedDetail) {
+    for (int i = 0; i < 25'000; ++i) {
+        temp.writeFile("src/d" + std::to_string(i / 1000) + "/f" + std::to_string(i), "x");
+    }
+    const auto execution = run(analyze(SyncMode::update));
+    EXPECT_EQ(execution.result.filesCopied, 25'000);
+    EXPECT_EQ(execution.result.directoriesCreated, 25);
+    EXPECT_EQ(execution.result.bytesTransferred, 25'000u);
+    EXPECT_EQ(execution.actionResults.size(), RunAccumulator::kMaximumActionResults);
+    EXPECT_EQ(execution.result.outcome, SyncRunOutcome::completedWithWarnings) << "the capped-detail warning";
+}
+
+}  // namespace
+}  // namespace varnel
