@@ -1,8 +1,11 @@
 #include "archive/ArchiveLayout.hpp"
 #include "archive/ArchiveMover.hpp"
+#include "archive/CopyEngineArchiveCopier.hpp"
 #include "scan/RealFileSystem.hpp"
 #include "support/FakeFileSystem.hpp"
+#include "support/ScratchMounts.hpp"
 #include "support/TemporaryDirectory.hpp"
+#include "transfer/FileFlushing.hpp"
 #include "transfer/SyncError.hpp"
 
 #include <gtest/gtest.h>
@@ -11,6 +14,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <iterator>
 #include <optional>
 
 namespace varnel::testing {
@@ -67,79 +71,74 @@ TEST(ArchiveMoverTest, ItemsKeepTheirRelativePathBelowTheRunFolder) {
     EXPECT_NE(failureOf([&] { mover.move(root, rel(".VarnelSync-Archive"), kRun); }), "");
 }
 
-// Copies through the fake, like the copy engine would, or fails as told.
-struct FakeCopier final : CrossDeviceCopying {
-    explicit FakeCopier(FakeFileSystem& fileSystem) : fileSystem(fileSystem) {}
+FileCopyEngine copyEngine(std::shared_ptr<FileSystemProviding> fileSystem) {
+    FileCopyEngine engine;
+    engine.fileSystem = std::move(fileSystem);
+    engine.flusher = std::make_shared<NoOpFileFlusher>();
+    engine.verificationMode = VerificationMode::verifyCopiedFiles;
+    return engine;
+}
 
-    std::uint64_t copy(const EndpointRoot& destination, const FileSystemEntry& item, const RelativePath& runFolder,
-                       std::stop_token) override {
-        ++calls;
-        if (failure) throw *failure;
-        const std::string contents = fileSystem.contents(destination.path() + "/" + item.relativePath.value());
-        fileSystem.addFile(destination.path() + "/" + ArchiveLayout::archivedPath(runFolder, item.relativePath).value(),
-                           contents);
-        return contents.size();
-    }
+TEST(ArchiveMoverTest, AnItemOnAnotherFileSystemIsCopiedThenRemoved) {
+    if (const auto why = ScratchMounts::unavailableReason(); !why.empty()) GTEST_SKIP() << why;
+    TemporaryDirectory destination;
+    ScratchMounts mounts(destination.path());
+    std::string whyNot;
+    if (mounts.mountVirtual("tmpfs", "mnt", "", whyNot).empty()) GTEST_SKIP() << whyNot;
+    destination.writeFile("mnt/sub/x.txt", "xx");
+    destination.writeFile("mnt/sub/deeper/y.txt", "yyy");
+    fs::create_symlink("x.txt", destination / "mnt/sub/link");
 
-    FakeFileSystem& fileSystem;
-    std::optional<SyncError> failure;
-    int calls = 0;
-};
-
-struct CrossDeviceHarness {
-    FakeFileSystem fileSystem;
-    std::shared_ptr<FakeCopier> copier = std::make_shared<FakeCopier>(fileSystem);
-    ArchiveMover mover{fileSystem, copier};
-    EndpointRoot root;
-
-    CrossDeviceHarness() {
-        fileSystem.addFile("/dst/mnt/sub/x.txt", "xx");
-        fileSystem.addFile("/dst/mnt/sub/y.txt", "yyy");
-        VolumeInfo other;
-        other.deviceID = 2;
-        fileSystem.setVolume("/dst/mnt", other);  // another file system mounted inside the destination
-        root = fileSystem.openRoot("/dst");
-    }
-    std::string archived(const std::string& path) { return "/dst/" + kRun.value() + "/" + path; }
-};
-
-TEST(ArchiveMoverTest, AnItemOnAnotherDeviceIsCopiedThenRemoved) {
-    CrossDeviceHarness h;
-    const auto moved = h.mover.move(h.root, rel("mnt/sub/x.txt"), kRun);
+    const auto fileSystem = std::make_shared<RealFileSystem>();
+    const ArchiveMover mover(*fileSystem, std::make_shared<CopyEngineArchiveCopier>(copyEngine(fileSystem)));
+    const EndpointRoot root = fileSystem->openRoot(destination.string());
+    const auto moved = mover.move(root, rel("mnt/sub/x.txt"), kRun);
     EXPECT_TRUE(moved.copiedAcrossDevices);
     EXPECT_EQ(moved.bytesArchived, 2U);
-    EXPECT_EQ(h.fileSystem.contents(h.archived("mnt/sub/x.txt")), "xx");
-    EXPECT_FALSE(h.fileSystem.existsAtPath("/dst/mnt/sub/x.txt"));
+    EXPECT_FALSE(fs::exists(destination / "mnt/sub/x.txt"));
 
     // A folder there is recreated in the archive and emptied item by item.
-    EXPECT_TRUE(h.mover.move(h.root, rel("mnt/sub"), kRun).copiedAcrossDevices);
-    EXPECT_EQ(h.fileSystem.contents(h.archived("mnt/sub/y.txt")), "yyy");
-    EXPECT_FALSE(h.fileSystem.existsAtPath("/dst/mnt/sub"));
-    EXPECT_EQ(h.copier->calls, 2);
+    EXPECT_TRUE(mover.move(root, rel("mnt/sub"), kRun).copiedAcrossDevices);
+    const std::string archived = kRun.value() + "/mnt/sub/";
+    EXPECT_EQ(destination.readFile(archived + "x.txt"), "xx");
+    EXPECT_EQ(destination.readFile(archived + "deeper/y.txt"), "yyy");
+    EXPECT_EQ(fs::read_symlink(destination / (archived + "link")), "x.txt");
+    EXPECT_FALSE(fs::exists(destination / "mnt/sub"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(destination / archived), fs::directory_iterator{}), 3);
 }
 
 TEST(ArchiveMoverTest, AFailedCopyLeavesTheOriginalInPlace) {
-    CrossDeviceHarness h;
-    h.copier->failure = SyncError(SyncError::CopyFailed{rel("mnt/sub/x.txt"), ENOSPC, "No space left on device"});
-    const std::string failure = failureOf([&] { h.mover.move(h.root, rel("mnt/sub"), kRun); });
-    EXPECT_EQ(failure.rfind("archive_failed: Could not move “mnt/sub/x.txt” to the archive folder. ", 0), 0U)
+    const auto fileSystem = std::make_shared<FakeFileSystem>();
+    fileSystem->addFile("/dst/mnt/sub/x.txt", "xx");
+    fileSystem->addFile("/dst/mnt/sub/y.txt", "yyy");
+    VolumeInfo other;
+    other.deviceID = 2;
+    fileSystem->setVolume("/dst/mnt", other);  // another file system mounted inside the destination
+    const EndpointRoot root = fileSystem->openRoot("/dst");
+    const std::string archived = "/dst/" + kRun.value() + "/mnt/sub/";
+
+    const ArchiveMover mover(*fileSystem, std::make_shared<CopyEngineArchiveCopier>(copyEngine(fileSystem)));
+    fileSystem->failNext("copy_file_range", ENOSPC);
+    const std::string failure = failureOf([&] { mover.move(root, rel("mnt/sub"), kRun); });
+    EXPECT_EQ(failure.rfind("archive_failed: Could not move “mnt/sub/x.txt” to the archive folder. Could not copy", 0),
+              0U)
         << failure;
-    EXPECT_EQ(h.fileSystem.contents("/dst/mnt/sub/x.txt"), "xx");
-    EXPECT_EQ(h.fileSystem.contents("/dst/mnt/sub/y.txt"), "yyy");
+    EXPECT_EQ(fileSystem->contents("/dst/mnt/sub/x.txt"), "xx");
+    EXPECT_EQ(fileSystem->contents("/dst/mnt/sub/y.txt"), "yyy");
+    EXPECT_TRUE(fileSystem->listDirectory(fileSystem->openRoot(archived), RelativePath()).empty());  // no staging left
 
     // Without a copier the move fails with the system's message; nothing moves.
-    const ArchiveMover withoutCopier(h.fileSystem);
-    EXPECT_EQ(failureOf([&] { withoutCopier.move(h.root, rel("mnt/sub/y.txt"), kRun); }),
+    const ArchiveMover withoutCopier(*fileSystem);
+    EXPECT_EQ(failureOf([&] { withoutCopier.move(root, rel("mnt/sub/y.txt"), kRun); }),
               "archive_failed: Could not move “mnt/sub/y.txt” to the archive folder. Invalid cross-device link");
 
     // Removing the original fails after a complete copy: the item is in both places.
-    h.copier->failure.reset();
-    h.fileSystem.failNext("unlink", EACCES, "/dst/mnt/sub/y.txt");
-    EXPECT_EQ(failureOf([&] { h.mover.move(h.root, rel("mnt/sub/y.txt"), kRun); }),
+    fileSystem->failNext("unlink", EACCES, "/dst/mnt/sub/y.txt");
+    EXPECT_EQ(failureOf([&] { mover.move(root, rel("mnt/sub/y.txt"), kRun); }),
               "archive_failed: Could not move “mnt/sub/y.txt” to the archive folder. It was copied to the archive "
               "folder, but the original could not be removed: Permission denied");
-    EXPECT_EQ(h.fileSystem.contents("/dst/mnt/sub/y.txt"), "yyy");
-    EXPECT_EQ(h.fileSystem.contents(h.archived("mnt/sub/y.txt")), "yyy");
+    EXPECT_EQ(fileSystem->contents("/dst/mnt/sub/y.txt"), "yyy");
+    EXPECT_EQ(fileSystem->contents(archived + "y.txt"), "yyy");
 }
 
 TEST(ArchiveMoverTest, ArchiveFolderFailuresAndCancellation) {
