@@ -207,6 +207,19 @@ TEST_F(FileCopyTests, AStopRequestEndsTheCopyBetweenBlocks) {
     EXPECT_EQ(statOf(temporary / "dst/.big2").st_size, 0);
 }
 
+TEST_F(FileCopyTests, ASourceThatShrinksDuringTheCopyFailsInsteadOfBeingPaddedWithZeros) {
+    const auto file = temporary.writeFile("src/shrinking", patterned(3 << 20));
+    CopyOptions options;
+    options.chunkBytes = 1 << 20;
+    const auto error = posixErrorOf([&] {
+        copy("shrinking", ".shrinking", options, [&](std::int64_t increment) {
+            if (increment > 0) fs::resize_file(file, 1 << 20);  // another program truncates it
+            return true;
+        });
+    });
+    EXPECT_EQ(error, POSIXFileError(ENODATA, "read", file.string()));
+}
+
 TEST_F(FileCopyTests, ExtendedMetadataCarriesAttributesAndACLsAndBasicDoesNot) {
     const auto file = temporary.writeFile("src/tagged", "x");
     const std::string acl = accessACL();
@@ -323,7 +336,8 @@ TEST_F(MountedFileCopyTests, CopiesAcrossFileSystemsAndReportsAttributesTheTarge
     if (plain.empty()) GTEST_SKIP() << whyNot;
 
     // A sparse source on tmpfs, copied onto the test folder's disk: a different file
-    // system, where copy_file_range may refuse and the read/write path takes over.
+    // system, where copy_file_range answers EXDEV (kernel 6.x) and the read/write path
+    // takes over.
     const std::string data = patterned(200'000, 3);
     const auto file = fs::path(memory) / "file";
     {
