@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 namespace varnel {
 namespace {
@@ -85,21 +84,29 @@ TEST(RunLogStoreTest, ReportAlignsLabelsAndCapsLists) {
 
 TEST(RunLogStoreTest, RetentionKeepsTheNewestRunsAndTheNewestFailedOne) {
     testing::TemporaryDirectory temp;
-    RunLogStore store(temp.path(), 3);
-    FinishedRun failed(SyncRunOutcome::cancelled);
-    ASSERT_FALSE(store.write(failed.input()));
-    std::vector<Uuid> later;
-    for (int i = 0; i < 4; ++i) {
-        // File times order the runs; make them distinct.
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        FinishedRun run;
+    RunLogStore store(temp.path());
+    // File times order the runs: each run is dated one second after the previous one.
+    const auto base = fs::file_time_type::clock::now() - std::chrono::hours(24);
+    int written = 0;
+    const auto write = [&](const FinishedRun& run) {
         ASSERT_FALSE(store.write(run.input()));
+        fs::last_write_time(store.logPath(run.result.id), base + std::chrono::seconds(++written));
+    };
+    FinishedRun failed(SyncRunOutcome::failed);
+    write(failed);
+    std::vector<Uuid> later;
+    for (int i = 0; i < 101; ++i) {
+        FinishedRun run;
+        write(run);
         later.push_back(run.result.id);
     }
-    EXPECT_TRUE(fs::exists(store.logPath(failed.result.id))) << "the newest cancelled run is kept";
-    EXPECT_FALSE(fs::exists(store.logPath(later[0]))) << "the oldest ordinary run goes";
+    EXPECT_TRUE(fs::exists(store.logPath(failed.result.id))) << "the newest failed run is spared";
+    EXPECT_FALSE(fs::exists(store.logPath(later[0]))) << "the oldest ordinary run goes, log and report";
     EXPECT_FALSE(fs::exists(store.reportPath(later[0])));
     for (std::size_t i = 1; i < later.size(); ++i) EXPECT_TRUE(fs::exists(store.logPath(later[i])));
+    std::size_t logs = 0;
+    for (const auto& item : fs::directory_iterator(temp.path())) logs += item.path().extension() == ".jsonl";
+    EXPECT_EQ(logs, 101u) << "the 100 newest runs plus the spared failed one";
 }
 
 TEST(RunLogStoreTest, UnwritableFolderIsReportedNotThrown) {
