@@ -56,13 +56,14 @@ struct TransferScheduler {
     // How many copies of the class may run at once, always at least 1:
     // 1. the class's limit, never above maximumConcurrency;
     // 2. never above a multiple of the processor count: each copy keeps a thread busy
-    //    with system calls and, when verifying, hashing; small files wait mostly on
-    //    metadata I/O, so they get twice the processors, medium and large files one
-    //    copy per processor (plus one for medium, to cover the gaps between files);
-    // 3. on one volume, large files run one at a time: reading and writing the same
-    //    device already keeps it busy, and two interleaved streams turn sequential I/O
-    //    into seeks on a rotating disk. Small and medium files keep their limits, since
-    //    their per-file latency is what parallel copies hide.
+    //    with system calls and, when verifying, hashing. Small files wait mostly on
+    //    per-file metadata work and flushes, so they get twice the processors; medium
+    //    files one more than the processors; large files one per processor;
+    // 3. on one volume, large files run one at a time: a second stream gained nothing
+    //    reliable there, and on a rotating disk two interleaved streams turn sequential
+    //    transfers into seeks. Small and medium files keep their limits, since their
+    //    per-file latency is what parallel copies hide.
+    // The figures behind these rules: bench/README.md, parallel_copy_bench.
     int concurrency(SizeClass sizeClass) const;
 
     // The machine's processor count (std::thread::hardware_concurrency), at least 1.
