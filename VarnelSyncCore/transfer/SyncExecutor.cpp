@@ -1,5 +1,6 @@
 #include "transfer/SyncExecutor.hpp"
 
+#include "archive/CopyEngineArchiveCopier.hpp"
 #include "common/Localization.hpp"
 #include "scan/POSIXFileError.hpp"
 #include "transfer/ProgressSink.hpp"
@@ -220,7 +221,9 @@ private:
             }
             return;
         }
-        const ArchiveMover mover(*c_.fileSystem);
+        // An item on a file system mounted inside the destination cannot be renamed into
+        // the archive; it is copied through the copy engine, then removed.
+        const ArchiveMover mover(*c_.fileSystem, std::make_shared<CopyEngineArchiveCopier>(c_.copyEngine));
         for (const SyncAction* action : items) {
             if (stopped()) return;
             const auto start = c_.clock->nanoseconds();
