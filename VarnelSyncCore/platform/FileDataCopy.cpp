@@ -1,5 +1,6 @@
 #include "platform/FileDataCopy.hpp"
 
+#include "common/TestHooks.hpp"
 #include "platform/SystemCall.hpp"
 #include "scan/OperationCancelled.hpp"
 
@@ -49,6 +50,7 @@ public:
             if (auto failure = moveBlock(position, wanted, moved)) return failure;
             if (moved == 0) return DataCopyFailure{"read", ENODATA, true};  // the source ended early
             position += moved;
+            if (position < end) testhooks::reached(testhooks::CommitStep::copyData);
             report(moved);
         }
         return std::nullopt;
@@ -142,6 +144,7 @@ std::variant<DataCopied, DataCopyFailure> copyFileData(int sourceFd, int targetF
 
     if (allowClone && size > 0 && ::ioctl(targetFd, FICLONE, sourceFd) == 0) {
         // A clone takes the source's whole length, which may have grown since `size` was read.
+        testhooks::reached(testhooks::CommitStep::finalBlock);
         if (::ftruncate(targetFd, size) != 0) return DataCopyFailure{"ftruncate", errno, false};
         mover.report(size);
         return DataCopied{true};
@@ -156,6 +159,7 @@ std::variant<DataCopied, DataCopyFailure> copyFileData(int sourceFd, int targetF
         if (auto failure = mover.copyRange(start, end)) return *failure;
         offset = end;
     }
+    testhooks::reached(testhooks::CommitStep::finalBlock);
     // Sets the final length: a trailing hole stays a hole.
     if (::ftruncate(targetFd, size) != 0) return DataCopyFailure{"ftruncate", errno, false};
     return DataCopied{false};

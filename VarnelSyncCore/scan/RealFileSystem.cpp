@@ -1,5 +1,6 @@
 #include "scan/RealFileSystem.hpp"
 
+#include "common/TestHooks.hpp"
 #include "platform/BeneathResolver.hpp"
 #include "platform/ErrnoOr.hpp"
 #include "platform/FileDataCopy.hpp"
@@ -418,6 +419,7 @@ CopyOutcome RealFileSystem::copyFile(const EndpointRoot& sourceRoot, const Relat
     });
     if (created < 0) fail(errno, "open", stagingRoot, stagingPath);
     const UniqueFd output(created);
+    testhooks::reached(testhooks::CommitStep::createStaging);
 
     const auto data = copyFileData(input.value().get(), output.get(), status.st_size,
                                    options.allowClone && allowCloning, options.chunkBytes, progress);
@@ -430,6 +432,7 @@ CopyOutcome RealFileSystem::copyFile(const EndpointRoot& sourceRoot, const Relat
     outcome.bytesWritten = status.st_size;
     outcome.usedClone = std::get<DataCopied>(data).cloned;
     outcome.metadataProblems = copyFileMetadata(input.value().get(), output.get(), status, options.metadataPolicy);
+    testhooks::reached(testhooks::CommitStep::metadata);
     return outcome;
 }
 

@@ -2,6 +2,7 @@
 
 #include "common/ByteCount.hpp"
 #include "common/Localization.hpp"
+#include "common/TestHooks.hpp"
 #include "scan/OperationCancelled.hpp"
 #include "scan/POSIXFileError.hpp"
 #include "transfer/PartialFileNaming.hpp"
@@ -151,6 +152,7 @@ public:
 
     // Step 6: the staged file's own flush; a failure means nothing is committed.
     FlushResult flushStaged(const FileCopyEngine::StagingLocation& staging, std::uint64_t expectedSize) const {
+        if (testhooks::skipFileFlush()) return {};  // the deliberate bug of the power-cut test
         try {
             return engine_.flusher->flushFile(staging.root, staging.path, engine_.durabilityMode, expectedSize);
         } catch (const DurabilityError& error) {
@@ -235,13 +237,17 @@ FileResult FileCopyEngine::copyFile(const SyncAction& action, const ProgressCall
     if (verificationMode == VerificationMode::verifyCopiedFiles) {
         run.verify(staging, isCancelled);
         result.verified = true;
+        testhooks::reached(testhooks::CommitStep::verify);
     }
     const FlushResult fileFlush = run.flushStaged(staging, result.bytesWritten);
+    testhooks::reached(testhooks::CommitStep::flushFile);
     throwIfCancelled(isCancelled);  // the last moment at which stopping leaves the destination as it was
 
     run.commit(staging, renameModeFor(action.type));
     guard.disarm();
+    testhooks::reached(testhooks::CommitStep::rename);
     run.finish(fileFlush, result);
+    testhooks::reached(testhooks::CommitStep::flushFolder);
     return result;
 }
 

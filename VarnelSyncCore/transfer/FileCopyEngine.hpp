@@ -29,6 +29,7 @@ namespace varnel {
 // verify, flush the file, rename into place, flush the folder. Every failure before
 // the rename removes the staging file and leaves the destination as it was; a failure
 // of the folder flush after the rename is a warning in the result, never an undo.
+// Test builds name these steps for the crash tests (common/TestHooks.hpp).
 //
 // Failures are thrown as SyncError:
 // - sourceChangedSinceAnalysis: the source is gone, changed kind or size; the

@@ -1,7 +1,13 @@
 #include "support/FaultInjectingFileSystem.hpp"
 
+#include "common/Sha256.hpp"
 #include "scan/POSIXFileError.hpp"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <utility>
 
 namespace varnel::testing {
@@ -48,6 +54,26 @@ void FaultInjectingFileSystem::failCopyWhenReached(std::int64_t bytes, int errno
 void FaultInjectingFileSystem::addMetadataProblem(const std::string& problem) {
     std::lock_guard lock(mutex_);
     extraMetadataProblems_.push_back(problem);
+}
+
+void FaultInjectingFileSystem::shortenWrite(std::int64_t keepBytes) {
+    std::lock_guard lock(mutex_);
+    shortWrite_ = keepBytes;
+}
+
+void FaultInjectingFileSystem::shortenRead(std::int64_t keepBytes) {
+    std::lock_guard lock(mutex_);
+    shortRead_ = keepBytes;
+}
+
+void FaultInjectingFileSystem::trackWrites(std::shared_ptr<UnflushedWrites> writes) {
+    std::lock_guard lock(mutex_);
+    writes_ = std::move(writes);
+}
+
+std::shared_ptr<UnflushedWrites> FaultInjectingFileSystem::trackedWrites() const {
+    std::lock_guard lock(mutex_);
+    return writes_;
 }
 
 int FaultInjectingFileSystem::callCount(const std::string& operation) const {
@@ -133,8 +159,10 @@ void FaultInjectingFileSystem::makeSymbolicLink(const EndpointRoot& root, const 
 }
 
 void FaultInjectingFileSystem::removeFile(const EndpointRoot& root, const RelativePath& path) {
-    enter("removeFile", displayPath(root, path));
+    const std::string shown = displayPath(root, path);
+    enter("removeFile", shown);
     inner_->removeFile(root, path);
+    if (const auto writes = trackedWrites()) writes->removed(shown);
 }
 
 void FaultInjectingFileSystem::removeDirectory(const EndpointRoot& root, const RelativePath& path) {
@@ -144,8 +172,10 @@ void FaultInjectingFileSystem::removeDirectory(const EndpointRoot& root, const R
 
 void FaultInjectingFileSystem::rename(const EndpointRoot& fromRoot, const RelativePath& from,
                                       const EndpointRoot& toRoot, const RelativePath& to, RenameMode mode) {
-    enter("rename", displayPath(fromRoot, from));
+    const std::string shown = displayPath(fromRoot, from);
+    enter("rename", shown);
     inner_->rename(fromRoot, from, toRoot, to, mode);
+    if (const auto writes = trackedWrites()) writes->renamed(shown, displayPath(toRoot, to));
 }
 
 void FaultInjectingFileSystem::setPermissions(const EndpointRoot& root, const RelativePath& path,
@@ -172,14 +202,19 @@ CopyOutcome FaultInjectingFileSystem::copyFile(const EndpointRoot& sourceRoot, c
     enter("copyFile", displayPath(stagingRoot, stagingPath));
     std::optional<CopyFault> fault;
     std::vector<std::string> extraProblems;
+    std::optional<std::int64_t> shortWrite;
+    std::shared_ptr<UnflushedWrites> writes;
     {
         std::lock_guard lock(mutex_);
         fault = std::exchange(copyFault_, std::nullopt);
         extraProblems = std::exchange(extraMetadataProblems_, {});
+        shortWrite = std::exchange(shortWrite_, std::nullopt);
+        writes = writes_;
     }
+    const std::string stagingShown = displayPath(stagingRoot, stagingPath);
+    if (writes) writes->written(stagingShown);
     CopyProgress observed = progress;
     if (fault) {
-        const std::string stagingShown = displayPath(stagingRoot, stagingPath);
         observed = [progress, fault, stagingShown, total = std::int64_t{0}](std::int64_t increment) mutable {
             total += increment;
             if (total >= fault->bytes && total > 0) throw POSIXFileError(fault->errnoValue, "write", stagingShown);
@@ -187,14 +222,34 @@ CopyOutcome FaultInjectingFileSystem::copyFile(const EndpointRoot& sourceRoot, c
         };
     }
     CopyOutcome outcome = inner_->copyFile(sourceRoot, sourcePath, stagingRoot, stagingPath, options, observed);
+    if (shortWrite && ::truncate(stagingShown.c_str(), *shortWrite) != 0) {
+        throw POSIXFileError(errno, "truncate", stagingShown);  // the test's own set-up failed
+    }
     outcome.metadataProblems.insert(outcome.metadataProblems.end(), extraProblems.begin(), extraProblems.end());
     return outcome;
 }
 
 Sha256Digest FaultInjectingFileSystem::sha256(const EndpointRoot& root, const RelativePath& path,
                                               const HashOptions& options, const StopRequested& stopRequested) {
-    enter("sha256", displayPath(root, path));
-    return inner_->sha256(root, path, options, stopRequested);
+    const std::string shown = displayPath(root, path);
+    enter("sha256", shown);
+    std::optional<std::int64_t> shortRead;
+    {
+        std::lock_guard lock(mutex_);
+        shortRead = std::exchange(shortRead_, std::nullopt);
+    }
+    if (!shortRead) return inner_->sha256(root, path, options, stopRequested);
+    // The digest of the first bytes only, as a reader that stopped early would compute it.
+    const int fd = ::open(shown.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) throw POSIXFileError(errno, "open", shown);
+    Sha256 hasher;
+    std::string buffer(static_cast<std::size_t>(std::max<std::int64_t>(*shortRead, 0)), '\0');
+    const ssize_t count = ::pread(fd, buffer.data(), buffer.size(), 0);
+    const int error = errno;
+    ::close(fd);
+    if (count < 0) throw POSIXFileError(error, "read", shown);
+    hasher.update(buffer.data(), static_cast<std::size_t>(count));
+    return hasher.finish();
 }
 
 bool FaultInjectingFileSystem::existsAtPath(const std::string& absolutePath) {

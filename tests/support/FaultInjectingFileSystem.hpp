@@ -1,6 +1,7 @@
 #pragma once
 
 #include "scan/FileSystemProviding.hpp"
+#include "support/UnflushedWrites.hpp"
 
 #include <cstdint>
 #include <functional>
@@ -21,6 +22,9 @@ namespace varnel::testing {
 //     fs->failCall("rename", EIO);                    // the next rename fails, nothing renamed
 //     fs->atCall("sha256", [&] { corrupt(...); });      // runs before the next sha256
 //     fs->failCopyWhenReached(1 << 20, ENOSPC);        // a copy fails once 1 MiB is written
+//     fs->shortenWrite(100);                            // the next copy stores only 100 bytes
+//     fs->shortenRead(100);                             // the next sha256 sees only 100 bytes
+//     fs->trackWrites(writes);                          // for UnflushedWrites::simulateCrash
 //
 // Operations are named after the interface's functions ("entry", "copyFile",
 // "sha256", "rename", "removeFile", ...). Calls are counted per operation from the
@@ -40,6 +44,15 @@ public:
     void failCopyWhenReached(std::int64_t bytes, int errnoValue);
     // The next copyFile reports `problem` among its metadata problems.
     void addMetadataProblem(const std::string& problem);
+    // The next copyFile reports success with the full length, but its staging file keeps
+    // only the first `keepBytes`: a write the device acknowledged and did not store. What
+    // the size check before the flush and the verification are there to catch.
+    void shortenWrite(std::int64_t keepBytes);
+    // The next sha256 reads only the first `keepBytes` of its file, as if it ended there
+    // (a short read taken for the end of the file).
+    void shortenRead(std::int64_t keepBytes);
+    // Reports written, renamed and removed files to `writes` from now on.
+    void trackWrites(std::shared_ptr<UnflushedWrites> writes);
 
     int callCount(const std::string& operation) const;
 
@@ -87,6 +100,7 @@ private:
 
     // Counts the call, then runs what is due for it (throwing an injected failure).
     void enter(const std::string& operation, const std::string& shownPath);
+    std::shared_ptr<UnflushedWrites> trackedWrites() const;
 
     std::shared_ptr<FileSystemProviding> inner_;
     mutable std::mutex mutex_;
@@ -94,6 +108,9 @@ private:
     std::vector<Trigger> triggers_;
     std::optional<CopyFault> copyFault_;
     std::vector<std::string> extraMetadataProblems_;
+    std::optional<std::int64_t> shortWrite_;
+    std::optional<std::int64_t> shortRead_;
+    std::shared_ptr<UnflushedWrites> writes_;
 };
 
 }  // namespace varnel::testing

@@ -26,6 +26,11 @@ void FaultInjectingFlusher::refuseFullFlush() {
     refuseFullFlush_ = true;
 }
 
+void FaultInjectingFlusher::trackFlushes(std::shared_ptr<UnflushedWrites> writes) {
+    std::lock_guard lock(mutex_);
+    writes_ = std::move(writes);
+}
+
 std::vector<std::string> FaultInjectingFlusher::calls() const {
     std::lock_guard lock(mutex_);
     return calls_;
@@ -59,6 +64,7 @@ FlushResult FaultInjectingFlusher::flushFile(const EndpointRoot& root, const Rel
     FlushResult result = inner_->flushFile(root, path, mode, expectedSize);
     std::lock_guard lock(mutex_);
     if (refuseFullFlush_ && mode == DurabilityMode::maximum) result.fellBackFromFullFlush = true;
+    if (writes_ && mode != DurabilityMode::fast) writes_->flushed(displayPath(root, path));
     return result;
 }
 

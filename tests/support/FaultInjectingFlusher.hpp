@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/UnflushedWrites.hpp"
 #include "transfer/FileFlushing.hpp"
 
 #include <functional>
@@ -41,6 +42,10 @@ public:
     // Runs `action` at the start of the occurrence-th call (it may throw).
     void atCall(Operation operation, std::function<void()> action, int occurrence = 1);
 
+    // Reports every file flush that succeeded in Durable or Maximum mode to `writes`
+    // (Fast mode flushes nothing), so UnflushedWrites::simulateCrash keeps its data.
+    void trackFlushes(std::shared_ptr<UnflushedWrites> writes);
+
     std::vector<std::string> calls() const;
 
     FlushResult flushFile(const EndpointRoot& root, const RelativePath& path, DurabilityMode mode,
@@ -64,6 +69,7 @@ private:
     std::vector<Trigger> triggers_;
     bool refuseFullFlush_ = false;
     std::vector<std::string> calls_;
+    std::shared_ptr<UnflushedWrites> writes_;
 };
 
 }  // namespace varnel::testing
