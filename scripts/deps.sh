@@ -15,6 +15,7 @@ VARNEL_PACKAGES=(
   gettext               # translation of user sentences
   tzdata                # named time zones for the schedule tests
   e2fsprogs xfsprogs btrfs-progs  # mkfs for the volume tests on loop-mounted ext4, xfs, btrfs
+  nbdkit libnbd-bin     # a failing disk for the I/O error tests: nbdkit's error filter behind nbdfuse
 )
 
 varnel_install_missing_packages() {

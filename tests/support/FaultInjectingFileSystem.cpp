@@ -46,9 +46,15 @@ void FaultInjectingFileSystem::atCall(const std::string& operation, std::functio
     triggers_.push_back(Trigger{operation, counts_[operation] + occurrence, std::move(action), std::nullopt});
 }
 
-void FaultInjectingFileSystem::failCopyWhenReached(std::int64_t bytes, int errnoValue) {
+void FaultInjectingFileSystem::failCopyWhenReached(std::int64_t bytes, int errnoValue, CopySide side) {
     std::lock_guard lock(mutex_);
-    copyFault_ = CopyFault{bytes, errnoValue};
+    copyFault_ = CopyFault{bytes, errnoValue, side};
+}
+
+std::vector<std::string> FaultInjectingFileSystem::callPaths(const std::string& operation) const {
+    std::lock_guard lock(mutex_);
+    const auto found = paths_.find(operation);
+    return found != paths_.end() ? found->second : std::vector<std::string>{};
 }
 
 void FaultInjectingFileSystem::addMetadataProblem(const std::string& problem) {
@@ -87,6 +93,7 @@ void FaultInjectingFileSystem::enter(const std::string& operation, const std::st
     {
         std::lock_guard lock(mutex_);
         const int number = ++counts_[operation];
+        paths_[operation].push_back(shownPath);
         for (const auto& trigger : triggers_) {
             if (trigger.operation == operation && trigger.callNumber == number) due.push_back(trigger);
         }
@@ -215,9 +222,13 @@ CopyOutcome FaultInjectingFileSystem::copyFile(const EndpointRoot& sourceRoot, c
     if (writes) writes->written(stagingShown);
     CopyProgress observed = progress;
     if (fault) {
-        observed = [progress, fault, stagingShown, total = std::int64_t{0}](std::int64_t increment) mutable {
+        const bool source = fault->side == CopySide::source;
+        const std::string failedShown = source ? displayPath(sourceRoot, sourcePath) : stagingShown;
+        observed = [progress, fault, failedShown, source, total = std::int64_t{0}](std::int64_t increment) mutable {
             total += increment;
-            if (total >= fault->bytes && total > 0) throw POSIXFileError(fault->errnoValue, "write", stagingShown);
+            if (total >= fault->bytes && total > 0) {
+                throw POSIXFileError(fault->errnoValue, source ? "read" : "write", failedShown);
+            }
             return progress ? progress(increment) : true;
         };
     }

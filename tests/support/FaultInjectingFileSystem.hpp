@@ -40,8 +40,10 @@ public:
     void failCall(const std::string& operation, int errnoValue, int occurrence = 1);
     void atCall(const std::string& operation, std::function<void()> action, int occurrence = 1);
     // The next copyFile writes data until at least `bytes` have been reported, then
-    // fails with POSIXFileError "write" on the staging file (its partial data stays).
-    void failCopyWhenReached(std::int64_t bytes, int errnoValue);
+    // fails with POSIXFileError "write" on the staging file (its partial data stays), or
+    // with CopySide::source as a "read" of the source.
+    enum class CopySide { target, source };
+    void failCopyWhenReached(std::int64_t bytes, int errnoValue, CopySide side = CopySide::target);
     // The next copyFile reports `problem` among its metadata problems.
     void addMetadataProblem(const std::string& problem);
     // The next copyFile reports success with the full length, but its staging file keeps
@@ -55,6 +57,9 @@ public:
     void trackWrites(std::shared_ptr<UnflushedWrites> writes);
 
     int callCount(const std::string& operation) const;
+    // The display path of the first item of every call of `operation` so far, in order
+    // (for rename, the item renamed; for copyFile, the staging file).
+    std::vector<std::string> callPaths(const std::string& operation) const;
 
     EndpointRoot openRoot(const std::string& absolutePath) override;
     FileSystemEntry entry(const EndpointRoot& root, const RelativePath& path) override;
@@ -96,6 +101,7 @@ private:
     struct CopyFault {
         std::int64_t bytes;
         int errnoValue;
+        CopySide side;
     };
 
     // Counts the call, then runs what is due for it (throwing an injected failure).
@@ -105,6 +111,7 @@ private:
     std::shared_ptr<FileSystemProviding> inner_;
     mutable std::mutex mutex_;
     std::map<std::string, int> counts_;
+    std::map<std::string, std::vector<std::string>> paths_;
     std::vector<Trigger> triggers_;
     std::optional<CopyFault> copyFault_;
     std::vector<std::string> extraMetadataProblems_;

@@ -69,6 +69,8 @@ std::string describeMismatch(const fs::path& path, const GenerationTree::Item& i
     const auto size = fs::file_size(path, error);
     if (error) return "unreadable";
     if (size == 0) return "empty";
+    const std::string bytes = readAll(path);
+    if (bytes.find_first_not_of('\0') == std::string::npos) return "all zero bytes (" + std::to_string(size) + ")";
     return "torn or foreign (" + std::to_string(size) + " bytes)";
 }
 
@@ -112,6 +114,16 @@ std::map<std::string, std::string> SyncChecker::snapshot(const fs::path& root) {
         state[relativeTo(it->path(), root)] = describe(it->path());
     }
     return state;
+}
+
+std::vector<std::string> stagingItemsBelow(const fs::path& folder) {
+    std::vector<std::string> found;
+    std::error_code error;
+    for (auto it = fs::recursive_directory_iterator(folder, error); !error && it != fs::recursive_directory_iterator();
+         it.increment(error)) {
+        if (PartialFileNaming::parse(it->path().filename().string())) found.push_back(relativeTo(it->path(), folder));
+    }
+    return found;
 }
 
 std::vector<std::string> snapshotDifferences(const std::map<std::string, std::string>& before,

@@ -61,6 +61,9 @@ private:
     mutable std::vector<std::string> leftovers_;
 };
 
+// Every item below `folder` whose name parses as a staging name (relative paths).
+std::vector<std::string> stagingItemsBelow(const std::filesystem::path& folder);
+
 // The differences between two snapshots, one sentence each.
 std::vector<std::string> snapshotDifferences(const std::map<std::string, std::string>& before,
                                              const std::map<std::string, std::string>& after,

@@ -1,0 +1,151 @@
+// A full disk: a destination that runs out of space or inodes in the middle of a run.
+// The file that does not fit is reported, its staging file is gone, the old destination
+// file is byte for byte as it was, the run ends completed with warnings (the command
+// line exits 1), and a rerun once there is room completes.
+
+#include "InjectedFaultFixture.hpp"
+
+#include "support/CommandLineRunner.hpp"
+#include "support/MountSandbox.hpp"
+
+#include <sys/statvfs.h>
+
+#include <cerrno>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace varnel::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using FlusherOp = FaultInjectingFlusher::Operation;
+
+class InjectedDiskFullTests : public InjectedFaultFixture {};
+
+TEST_F(InjectedDiskFullTests, ENOSPCAtTheNthWriteFailsThatFileOnly) {
+    for (const int n : {1, 3, 7}) {
+        SCOPED_TRACE("write of copy " + std::to_string(n));
+        prepare(DurabilityMode::durable);
+        engine.fileSystem->atCall("copyFile", [&] { engine.fileSystem->failCopyWhenReached(1, ENOSPC); }, n);
+        expectOnlyOneItemFailed(engine.sync(profileID).result, "copy_failed", ENOSPC);
+        expectRerunCompletes();
+    }
+}
+
+TEST_F(InjectedDiskFullTests, ENOSPCAtTheNthFlushFailsThatFileOnly) {
+    for (const int n : {1, 5}) {
+        SCOPED_TRACE("flush " + std::to_string(n));
+        prepare(DurabilityMode::durable);
+        engine.flusher->failCall(FlusherOp::file, ENOSPC, n);
+        expectOnlyOneItemFailed(engine.sync(profileID).result, "file_fsync_failed", ENOSPC);
+        expectRerunCompletes();
+    }
+}
+
+// The run's first rename moves the type-changed item to the archive; the later ones
+// commit files.
+TEST_F(InjectedDiskFullTests, ENOSPCAtTheNthRenameFailsThatFileOnly) {
+    for (const int n : {2, 6}) {
+        SCOPED_TRACE("rename " + std::to_string(n));
+        prepare(DurabilityMode::fast);
+        engine.fileSystem->failCall("rename", ENOSPC, n);
+        expectOnlyOneItemFailed(engine.sync(profileID).result, "atomic_replace_failed", ENOSPC);
+        expectRerunCompletes();
+    }
+}
+
+// Real small file systems, driven through the command-line program.
+class RealDiskFullTests : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (auto why = MountSandbox::unavailableReason(); !why.empty()) GTEST_SKIP() << why;
+        if (CommandLineRunner::binary().empty()) GTEST_SKIP() << CommandLineRunner::missingReason();
+        fs::create_directories(temporary / "src");
+        cli = std::make_unique<CommandLineRunner>(temporary / "tmp");
+    }
+
+    static std::int64_t freeBytes(const fs::path& folder) {
+        struct statvfs volume {};
+        if (::statvfs(folder.c_str(), &volume) != 0) return -1;
+        return static_cast<std::int64_t>(volume.f_bavail) * static_cast<std::int64_t>(volume.f_frsize);
+    }
+
+    // Fills the file system of `folder` until exactly `leave` bytes are free.
+    static void fillLeaving(const fs::path& folder, std::int64_t leave) {
+        const std::int64_t excess = freeBytes(folder) - leave;
+        ASSERT_GE(excess, 0);
+        std::ofstream(folder / "ballast", std::ios::binary) << std::string(static_cast<std::size_t>(excess), 'b');
+        ASSERT_EQ(freeBytes(folder), leave);
+    }
+
+    TemporaryDirectory temporary;
+    MountSandbox mounts{temporary.path()};
+    std::unique_ptr<CommandLineRunner> cli;
+};
+
+// The plan fits by bytes, but each small file takes a whole page of tmpfs: once the 40
+// small new files are in, the 1.2 MB update no longer fits.
+TEST_F(RealDiskFullTests, ANearlyFullTmpfsFailsTheUpdateThatNoLongerFitsAndKeepsTheOldFile) {
+    std::string whyNot;
+    const fs::path destination = mounts.mountVirtual("tmpfs", "dst", "size=4m", whyNot);
+    ASSERT_FALSE(destination.empty()) << whyNot;
+    const std::string oldBig = GenerationTree::contents("zz-big.bin", 0, 1'100'000);
+    const std::string newBig = GenerationTree::contents("zz-big.bin", 1, 1'200'000);
+    std::ofstream(destination / "zz-big.bin", std::ios::binary) << oldBig;
+    std::ofstream(temporary / "src/zz-big.bin", std::ios::binary) << newBig;
+    for (int i = 0; i < 40; ++i) {
+        const std::string name = fmt::format("a-{:02}.txt", i);
+        std::ofstream(temporary / "src" / name, std::ios::binary) << GenerationTree::contents(name, 1, 100);
+    }
+    fillLeaving(destination, 294 * 4096);  // 1,204,224 bytes: just above the 1,204,000 to write
+
+    const auto id = cli->addProfile("Full", temporary / "src", destination, {"--mode", "update", "--durability",
+                                                                             "durable"});
+    const auto run = cli->run({"--json", "sync", id, "--acknowledge-all", "--confirm", "ARCHIVE"});
+    EXPECT_EQ(run.ended.exitCode, 1) << run.err;
+    const auto result = nlohmann::json::parse(run.out, nullptr, false);
+    ASSERT_FALSE(result.is_discarded()) << run.out << run.err;
+    EXPECT_EQ(result.value("outcome", ""), "completedWithWarnings");
+    EXPECT_EQ(result.value("filesCopied", 0), 40);
+    ASSERT_EQ(result["errors"].size(), 1u) << result.dump(2);
+    EXPECT_EQ(result["errors"][0].value("relativePath", ""), "zz-big.bin");
+    EXPECT_THAT(result["errors"][0].value("message", ""), ::testing::HasSubstr(std::strerror(ENOSPC)));
+    EXPECT_EQ(readTextFile(destination / "zz-big.bin"), oldBig);
+    EXPECT_EQ(stagingItemsBelow(destination), std::vector<std::string>{});
+
+    fs::remove(destination / "ballast");  // room again: the rerun completes
+    const auto rerun = cli->run({"--json", "sync", id, "--acknowledge-all", "--confirm", "ARCHIVE"});
+    EXPECT_EQ(rerun.ended.exitCode, 0) << rerun.err;
+    EXPECT_EQ(readTextFile(destination / "zz-big.bin"), newBig);
+}
+
+// No inode left for a staging file: creating it fails, nothing was written anywhere.
+TEST_F(RealDiskFullTests, ATmpfsWithoutFreeInodesFailsAtTheStagingFileAndKeepsTheOldFile) {
+    std::string whyNot;
+    const fs::path destination = mounts.mountVirtual("tmpfs", "dst", "size=4m,nr_inodes=8", whyNot);
+    ASSERT_FALSE(destination.empty()) << whyNot;
+    std::ofstream(destination / "report.txt") << "old report";
+    std::ofstream(temporary / "src/report.txt") << "new report, longer";
+    // Use up every inode left.
+    for (int i = 0; i < 16; ++i) {
+        std::ofstream ballast(destination / ("ballast-" + std::to_string(i)));
+        if (!ballast) break;
+    }
+    ASSERT_FALSE(std::ofstream(destination / "one-more")) << "the tmpfs still has free inodes";
+
+    const auto id = cli->addProfile("Inodes", temporary / "src", destination, {"--mode", "update"});
+    const auto run = cli->run({"--json", "sync", id, "--acknowledge-all", "--confirm", "ARCHIVE"});
+    EXPECT_EQ(run.ended.exitCode, 1) << run.err;
+    const auto result = nlohmann::json::parse(run.out, nullptr, false);
+    ASSERT_FALSE(result.is_discarded()) << run.out << run.err;
+    EXPECT_EQ(result.value("outcome", ""), "completedWithWarnings");
+    ASSERT_EQ(result["errors"].size(), 1u) << result.dump(2);
+    EXPECT_EQ(result["errors"][0].value("relativePath", ""), "report.txt");
+    EXPECT_EQ(result["errors"][0].value("code", ""), "copy_failed");
+    EXPECT_THAT(result["errors"][0].value("message", ""), ::testing::HasSubstr(std::strerror(ENOSPC)));
+    EXPECT_EQ(readTextFile(destination / "report.txt"), "old report");
+    EXPECT_EQ(stagingItemsBelow(destination), std::vector<std::string>{});
+}
+
+}  // namespace
+}  // namespace varnel::testing

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "app/SyncApplication.hpp"
+#include "support/FaultInjectingFileSystem.hpp"
+#include "support/FaultInjectingFlusher.hpp"
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+namespace varnel::testing {
+
+// The whole engine in this process, on real folders, through the same application
+// layer the front ends use, with the fault-injecting file system and flusher around the
+// real ones. Profiles, preferences, logs and the staging root live in `work`:
+//
+//     EngineHarness engine(temporary / "app");
+//     const Uuid id = engine.addProfile(source, destination, SyncMode::mirror, DurabilityMode::durable);
+//     engine.fileSystem->failCall("rename", ENOSPC);
+//     const SyncRunResult result = engine.sync(id).result;
+class EngineHarness {
+public:
+    explicit EngineHarness(const std::filesystem::path& work);
+
+    // A saved profile from the new-profile preferences with the given options.
+    Uuid addProfile(const std::filesystem::path& source, const std::filesystem::path& destination, SyncMode mode,
+                    DurabilityMode durability, VerificationMode verification = VerificationMode::none);
+    // Analyses the profile and synchronises with every concern acknowledged and the
+    // confirmation word typed, as `sync --acknowledge-all --confirm ARCHIVE` does.
+    SyncCoordinator::Synchronization sync(const Uuid& profileID);
+
+    std::shared_ptr<FaultInjectingFileSystem> fileSystem;
+    std::shared_ptr<FaultInjectingFlusher> flusher;
+    std::unique_ptr<SyncApplication> application;
+};
+
+// The one error of a run about `path` ("" when none): its code and message.
+std::optional<RecordedError> errorAbout(const SyncRunResult& result, const std::string& path);
+
+}  // namespace varnel::testing
