@@ -90,10 +90,12 @@ std::optional<Date> parseISO8601(std::string_view text) {
     if (at != text.size()) return std::nullopt;
     const year_month_day ymd{year{y}, month{static_cast<unsigned>(mo)}, day{static_cast<unsigned>(d)}};
     if (!ymd.ok() || h > 23 || mi > 59 || s > 60) return std::nullopt;
-    if (sys_days(ymd) < kEarliestDay) return distantPast();
-    if (sys_days(ymd) > kLatestDay) return Date(kLatestDay);
-    const auto local = sys_days(ymd) + hours(h) + minutes(mi) + seconds(s);
-    return time_point_cast<system_clock::duration>(local - offset + fraction);
+    // Clamped as a whole instant (offset applied, in seconds, which cannot overflow), so
+    // that every result formats and parses back to itself.
+    const sys_seconds instant = sys_days(ymd) + hours(h) + minutes(mi) + seconds(s) - offset;
+    if (instant < sys_seconds(kEarliestDay)) return distantPast();
+    if (instant > sys_seconds(kLatestDay)) return Date(kLatestDay);
+    return time_point_cast<system_clock::duration>(instant + fraction);
 }
 
 const SystemClock& SystemClock::shared() {

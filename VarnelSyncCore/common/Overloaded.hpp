@@ -7,5 +7,9 @@ template <class... Ts>
 struct Overloaded : Ts... {
     using Ts::operator()...;
 };
+// C++20 deduces this for aggregates, but clang 14 (used for the fuzz and sanitizer
+// builds) does not yet.
+template <class... Ts>
+Overloaded(Ts...) -> Overloaded<Ts...>;
 
 }  // namespace varnel

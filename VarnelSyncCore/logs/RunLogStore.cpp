@@ -342,13 +342,11 @@ void RunLogStore::prune() {
 namespace varnel {
 
 std::vector<LogRecord> RunLogStore::readLog(const std::filesystem::path& path) {
-    std::ifstream in(path);
+    std::ifstream in(path, std::ios::binary);
     if (!in) throw std::system_error(errno, std::generic_category(), path.string());
-    std::vector<LogRecord> records;
-    for (std::string line; std::getline(in, line);) {
-        if (!line.empty()) records.push_back(decodeLine(line));
-    }
-    return records;
+    std::ostringstream contents;
+    contents << in.rdbuf();
+    return decodeLog(contents.str());
 }
 
 }  // namespace varnel

@@ -32,7 +32,8 @@ public:
     std::string reportPath(const Uuid& runID) const override;
     const std::filesystem::path& directory() const { return directory_; }
 
-    // The records of a log, in file order (for tools and tests). Throws on damage.
+    // The records of a log, in file order (for tools and tests), as decodeLog reads them:
+    // a damaged last line is skipped, a damaged earlier line throws DecodingError.
     static std::vector<LogRecord> readLog(const std::filesystem::path& path);
     // The log records and report text of a run, as they are written.
     static std::vector<LogRecord> makeRecords(const RunLogInput& input);

@@ -59,7 +59,9 @@ Date asDate(const nlohmann::json& value, const char* key) {
     const auto text = asString(value, key);
     const auto date = parseISO8601(text);
     if (!date) fail(key, "“" + text + "” is not an ISO 8601 date.");
-    return *date;
+    // Stored dates are written in whole seconds; a fraction read from a hand-edited file
+    // is dropped here, so the value in memory is the one the next save writes.
+    return std::chrono::floor<std::chrono::seconds>(*date);
 }
 
 std::string withoutLibraryPrefix(const std::string& message) {

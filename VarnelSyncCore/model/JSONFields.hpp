@@ -34,7 +34,7 @@ T asInteger(const nlohmann::json& value, const char* key) {
 double asDouble(const nlohmann::json& value, const char* key);
 bool asBool(const nlohmann::json& value, const char* key);
 std::string asString(const nlohmann::json& value, const char* key);
-// An ISO 8601 date string.
+// An ISO 8601 date string, in whole seconds (a fraction is dropped).
 Date asDate(const nlohmann::json& value, const char* key);
 
 // nlohmann's messages begin with "[json.exception.type_error.302] "; users need only the rest.

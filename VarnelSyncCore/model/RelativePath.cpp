@@ -19,6 +19,28 @@ std::string RelativePath::canonicalFormOf(std::string_view value) {
     return unicode::toNFC(value);
 }
 
+std::string RelativePath::canonicalFormOfPath(std::string_view value) {
+    if (unicode::isValidUTF8(value)) return canonicalFormOf(value);
+    // Built per component, as appending() builds it: a component that is not valid UTF-8
+    // keeps its bytes without keeping its neighbours from their canonical form, so a path
+    // compares the same however it was made.
+    std::string canonical;
+    bool changed = false;
+    std::size_t start = 0;
+    while (true) {
+        const std::size_t slash = value.find('/', start);
+        const std::string_view piece =
+            value.substr(start, slash == std::string_view::npos ? std::string_view::npos : slash - start);
+        const std::string pieceCanonical = canonicalFormOf(piece);
+        changed = changed || !pieceCanonical.empty();
+        canonical += pieceCanonical.empty() ? std::string(piece) : pieceCanonical;
+        if (slash == std::string_view::npos) break;
+        canonical += '/';
+        start = slash + 1;
+    }
+    return changed ? canonical : std::string();
+}
+
 std::optional<RelativePath> RelativePath::fromString(std::string_view value) {
     if (value.empty()) return RelativePath();
     if (value.front() == '/') return std::nullopt;
@@ -32,7 +54,7 @@ std::optional<RelativePath> RelativePath::fromString(std::string_view value) {
         if (slash == std::string_view::npos) break;
         start = slash + 1;
     }
-    return RelativePath(std::string(value), canonicalFormOf(value));
+    return RelativePath(std::string(value), canonicalFormOfPath(value));
 }
 
 std::optional<RelativePath> RelativePath::fromComponents(const std::vector<std::string>& components) {

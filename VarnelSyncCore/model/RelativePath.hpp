@@ -56,6 +56,7 @@ private:
     RelativePath(std::string value, std::string canonical)
         : value_(std::move(value)), canonical_(std::move(canonical)) {}
     static std::string canonicalFormOf(std::string_view value);
+    static std::string canonicalFormOfPath(std::string_view value);
 
     std::string value_;
     std::string canonical_;  // empty when value_ is already canonical

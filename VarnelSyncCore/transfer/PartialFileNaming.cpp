@@ -18,21 +18,23 @@ constexpr std::size_t taggedTailLength = runTagLength + 1 + uuidLength;
 bool isContinuationByte(unsigned char byte) { return byte >= 0x80 && byte <= 0xBF; }
 bool isLeadByte(unsigned char byte) { return byte >= 0xC0; }
 
-// Cuts `name` to at most `budget` bytes. Trailing continuation bytes are dropped and
-// then one lead byte, which removes the character at the cut even when the cut falls
-// just after its last byte: the result may be a few bytes short of the budget, but it
-// never ends in half a character. Whatever is left is repaired into valid UTF-8 (the
-// name itself may not have been valid).
+// Cuts `name` to at most `budget` bytes. The name is first repaired into valid UTF-8 (it
+// may not have been valid): a replacement character takes three bytes where the invalid
+// byte took one, so repairing after the cut could overrun the budget. Then trailing
+// continuation bytes are dropped and one lead byte, which removes the character at the
+// cut even when the cut falls just after its last byte: the result may be a few bytes
+// short of the budget, but it never ends in half a character.
 std::string shortened(std::string_view name, std::size_t budget) {
     if (name.size() <= budget) return std::string(name);
-    std::string_view kept = name.substr(0, budget);
+    const std::string valid = unicode::repairUTF8(name);
+    std::string_view kept = std::string_view(valid).substr(0, budget);
     while (!kept.empty() && isContinuationByte(static_cast<unsigned char>(kept.back()))) {
         kept.remove_suffix(1);
     }
     if (!kept.empty() && isLeadByte(static_cast<unsigned char>(kept.back()))) {
         kept.remove_suffix(1);
     }
-    return unicode::repairUTF8(kept);
+    return std::string(kept);
 }
 
 bool isHexDigits(std::string_view text) {

@@ -76,9 +76,18 @@ TEST(PartialFileNamingTests, InvalidUTF8IsRepairedOnlyWhenShortened) {
     const std::string invalidShort = "bad\xFFname";
     EXPECT_EQ(intendedNameOf(naming::makeStagingName(invalidShort, runID)), invalidShort);
 
-    // A stray continuation byte in the kept part becomes U+FFFD.
+    // A stray continuation byte in the kept part becomes U+FFFD, whose three bytes count
+    // against the budget: the staging name still fits in 255 bytes.
     const std::string invalidLong = "x\x80" + std::string(300, 'a');
-    EXPECT_EQ(intendedNameOf(naming::makeStagingName(invalidLong, runID)), "x\xEF\xBF\xBD" + std::string(187, 'a'));
+    const std::string made = naming::makeStagingName(invalidLong, runID);
+    EXPECT_EQ(intendedNameOf(made), "x\xEF\xBF\xBD" + std::string(185, 'a'));
+    EXPECT_EQ(made.size(), 255u);
+    // A long name of invalid bytes only: the cut at 198 ends the 66th replacement
+    // character, which goes too.
+    const std::string invalidOnly = naming::makeStagingName(std::string(255, '\xFF'), std::nullopt);
+    std::string replacements;
+    for (int i = 0; i < 65; ++i) replacements += "\xEF\xBF\xBD";
+    EXPECT_EQ(intendedNameOf(invalidOnly), replacements);
 }
 
 TEST(PartialFileNamingTests, MadeNamesParseBack) {
