@@ -12,6 +12,7 @@ VARNEL_PACKAGES=(
   libblkid-dev          # volume UUID and label of a block device
   libssl-dev            # SHA-256 (libcrypto) for verifying copied files
   libgtest-dev libgmock-dev  # tests
+  libcli11-dev          # command-line parsing of the varnel-sync tool
   gettext               # translation of user sentences
   tzdata                # named time zones for the schedule tests
   e2fsprogs xfsprogs btrfs-progs  # mkfs for the volume tests on loop-mounted ext4, xfs, btrfs
