@@ -91,6 +91,7 @@ void to_json(Json& json, const FileSystemEntry& entry) {
                 {"hardLinkCount", entry.hardLinkCount},
                 {"isDataless", entry.isDataless}};
     putOptional(json, "creationTime", entry.creationTime);
+    putOptional(json, "changeTime", entry.changeTime);
     putOptional(json, "symlinkTarget", entry.symlinkTarget);
     if (entry.unsupportedReason) json["unsupportedReason"] = toString(*entry.unsupportedReason);
 }
@@ -105,6 +106,7 @@ void from_json(const Json& json, FileSystemEntry& entry) {
     entry.allocatedBlocks = json.at("allocatedBlocks").get<std::int64_t>();
     entry.modificationTime = json.at("modificationTime").get<FileTimestamp>();
     entry.creationTime = getOptional<FileTimestamp>(json, "creationTime");
+    entry.changeTime = getOptional<FileTimestamp>(json, "changeTime");
     entry.posixPermissions = json.at("posixPermissions").get<std::uint16_t>();
     entry.ownerUID = json.at("ownerUID").get<std::uint32_t>();
     entry.ownerGID = json.at("ownerGID").get<std::uint32_t>();

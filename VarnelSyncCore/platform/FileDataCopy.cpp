@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -160,8 +161,12 @@ std::variant<DataCopied, DataCopyFailure> copyFileData(int sourceFd, int targetF
         offset = end;
     }
     testhooks::reached(testhooks::CommitStep::finalBlock);
-    // Sets the final length: a trailing hole stays a hole.
-    if (::ftruncate(targetFd, size) != 0) return DataCopyFailure{"ftruncate", errno, false};
+    // Sets the final length where the data stopped short of it, so a trailing hole stays
+    // a hole. A file written up to its end needs nothing more (some FUSE drivers, such as
+    // fusefat, refuse ftruncate).
+    struct stat written {};
+    if (::fstat(targetFd, &written) != 0) return DataCopyFailure{"fstat", errno, false};
+    if (written.st_size != size && ::ftruncate(targetFd, size) != 0) return DataCopyFailure{"ftruncate", errno, false};
     return DataCopied{false};
 }
 

@@ -214,6 +214,18 @@ bool namesAreCaseInsensitive(std::string_view type) {
     return std::find(kTypes.begin(), kTypes.end(), type) != kTypes.end();
 }
 
+std::string formatBehindFuse(std::string_view type) {
+    for (const std::string_view prefix : {std::string_view("fuse."), std::string_view("fuseblk.")}) {
+        if (!type.starts_with(prefix)) continue;
+        const std::string_view driver = type.substr(prefix.size());
+        if (driver == "fusefat") return "vfat";
+        if (driver == "exfat-fuse") return "exfat";
+        if (driver == "ntfs-3g" || driver == "lowntfs-3g") return "ntfs";
+        return std::string(driver);
+    }
+    return std::string(type);
+}
+
 bool keepsSubSecondTimestamps(std::string_view type) {
     constexpr std::array<std::string_view, 14> kTypes{"ext2",    "ext3", "ext4", "xfs",  "btrfs", "tmpfs", "f2fs",
                                                       "zfs", "bcachefs", "overlay", "nfs", "nfs4", "ceph", "ramfs"};
@@ -306,7 +318,12 @@ VolumeInfo queryLinuxVolume(const std::string& absolutePath) {
     if (!identity.volumeName) identity.volumeName = labelOfDevice(mount);
     if (!identity.volumeName && mount != nullptr) identity.volumeName = lastComponentOf(mount->mountPoint);
 
-    identity.isCaseSensitive = !(volume_rules::namesAreCaseInsensitive(type) || folderIsCasefolded(folderFd.get()));
+    // A FUSE driver keeps names apart as the format it serves does; a plain "fuseblk"
+    // (exfat-fuse, ntfs-3g) says which only through its device.
+    std::string format = volume_rules::formatBehindFuse(type);
+    if (type == "fuseblk" && isBlockDeviceSource(mount)) format = blkidTag(mount->source, "TYPE").value_or(format);
+    identity.isCaseSensitive =
+        !(volume_rules::namesAreCaseInsensitive(format) || folderIsCasefolded(folderFd.get()));
     identity.supportsCloning = supportsCloning(folderFd.get(), type);
     identity.supportsHighPrecisionTimestamps = volume_rules::keepsSubSecondTimestamps(type);
     identity.isRemovable = isRemovable(mount);

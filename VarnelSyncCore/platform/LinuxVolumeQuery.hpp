@@ -30,6 +30,11 @@ VolumeInfo queryLinuxVolume(const std::string& absolutePath);
 namespace volume_rules {
 
 bool namesAreCaseInsensitive(std::string_view fileSystemType);
+// The kernel type of the format a FUSE driver serves, from the driver's name in
+// "fuse.<driver>" or "fuseblk.<driver>" ("fusefat" serves "vfat", "exfat" and
+// "exfat-fuse" "exfat", "ntfs-3g" "ntfs"); any other type as it is. A plain "fuseblk"
+// names no driver: the device's own format tells (see queryLinuxVolume).
+std::string formatBehindFuse(std::string_view fileSystemType);
 bool keepsSubSecondTimestamps(std::string_view fileSystemType);
 // Memory file systems (tmpfs, ramfs, ...) generate a fresh UUID at each mount, which
 // identifies nothing across a reboot.

@@ -19,6 +19,9 @@ struct FileSystemEntry {
     std::int64_t allocatedBlocks = 0;  // 512-byte units
     FileTimestamp modificationTime;
     std::optional<FileTimestamp> creationTime;  // absent where the file system keeps no birth time
+    // st_ctime: moved by every change to the data or the metadata, and, unlike the
+    // modification time, not settable by programs; absent where unknown.
+    std::optional<FileTimestamp> changeTime;
     std::uint16_t posixPermissions = 0;         // mode & 07777
     std::uint32_t ownerUID = 0;
     std::uint32_t ownerGID = 0;

@@ -152,7 +152,18 @@ public:
     virtual void makeDirectoryAtPath(const std::string& absolutePath, std::uint16_t mode) = 0;
     // The volume holding the folder. Throws POSIXFileError "statfs".
     virtual VolumeInfo volumeInfo(const std::string& absolutePath) = 0;
+
+    // --- Is the volume still there? ------------------------------------------------
+    // Asked after an operation failed with an error that a vanished volume gives (EIO,
+    // ENOTCONN...): the errno by which the volume holding the open root shows that it is
+    // gone (shut down, its device removed, the process behind a FUSE file system killed),
+    // or none while the root still answers. Writes nothing. The default answers none, for
+    // file systems whose volumes cannot vanish.
+    virtual std::optional<int> volumeFailure(const EndpointRoot& root);
 };
+
+// Whether an errno is one a vanished volume gives, so that volumeFailure is worth asking.
+bool mayMeanVolumeGone(int errnoValue);
 
 // "<root path>/<relative path>" (the root path alone for the root), for messages.
 std::string displayPath(const EndpointRoot& root, const RelativePath& path);

@@ -14,6 +14,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -112,6 +113,7 @@ FileSystemEntry entryFromStatx(const struct statx& item, RelativePath path) {
     entry.size = entry.kind == EntryKind::regularFile ? static_cast<std::int64_t>(item.stx_size) : 0;
     entry.allocatedBlocks = static_cast<std::int64_t>(item.stx_blocks);
     entry.modificationTime = timestampOf(item.stx_mtime);
+    if ((item.stx_mask & STATX_CTIME) != 0) entry.changeTime = timestampOf(item.stx_ctime);
     // Only meaningful when the file system answered for it; 0 or less means "none kept".
     if ((item.stx_mask & STATX_BTIME) != 0 && item.stx_btime.tv_sec >= 1) {
         entry.creationTime = timestampOf(item.stx_btime);
@@ -198,14 +200,44 @@ private:
     DirPointer dir_;
 };
 
+// The no-replace rename where there are no hard links either (FAT and exFAT through
+// FUSE): the target name is first reserved by creating it exclusively (a folder for a
+// folder), which fails with EEXIST when anything has that name, also under the volume's
+// own rules for case; then the item is renamed over its own, empty placeholder. An item
+// that appeared before the reservation is never replaced. Returns 0 or the errno.
+int reserveThenRename(const ItemLocation& source, const ItemLocation& target) {
+    struct stat item {};
+    if (::fstatat(source.parentFd, source.name.c_str(), &item, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+    const bool folder = S_ISDIR(item.st_mode);
+    if (folder) {
+        if (::mkdirat(target.parentFd, target.name.c_str(), 0700) != 0) return errno;
+    } else {
+        const int placeholder = retryOnInterrupt([&] {
+            return ::openat(target.parentFd, target.name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                            0600);
+        });
+        if (placeholder < 0) return errno;
+        ::close(placeholder);
+    }
+    if (::renameat(source.parentFd, source.name.c_str(), target.parentFd, target.name.c_str()) != 0) {
+        const int error = errno;
+        ::unlinkat(target.parentFd, target.name.c_str(), folder ? AT_REMOVEDIR : 0);  // our placeholder
+        return error;
+    }
+    return 0;
+}
+
 // The no-replace rename where the file system refuses RENAME_NOREPLACE (EINVAL): a hard
 // link never replaces an existing name, and removing the old name completes the move.
 // Folders cannot be hard-linked and some file systems (FAT) have no hard links; then
-// the refusal stands rather than a replacing rename. Returns 0 or the errno.
+// the name is reserved first (reserveThenRename). Returns 0 or the errno.
 int linkThenUnlink(const ItemLocation& source, const ItemLocation& target) {
     if (::linkat(source.parentFd, source.name.c_str(), target.parentFd, target.name.c_str(), 0) != 0) {
         const int error = errno;
-        return (error == EPERM || error == EOPNOTSUPP) ? EINVAL : error;
+        if (error == EPERM || error == EOPNOTSUPP || error == ENOSYS || error == EMLINK) {
+            return reserveThenRename(source, target);
+        }
+        return error;
     }
     if (::unlinkat(source.parentFd, source.name.c_str(), 0) != 0) {
         const int error = errno;
@@ -485,5 +517,22 @@ void RealFileSystem::makeDirectoryAtPath(const std::string& absolutePath, std::u
 }
 
 VolumeInfo RealFileSystem::volumeInfo(const std::string& absolutePath) { return queryLinuxVolume(absolutePath); }
+
+std::optional<int> RealFileSystem::volumeFailure(const EndpointRoot& root) {
+    const int rootFd = rootDescriptor(root);
+    if (rootFd < 0) return std::nullopt;
+    const auto gone = [](int error) { return mayMeanVolumeGone(error) ? std::optional<int>(error) : std::nullopt; };
+    const UniqueFd folder(
+        retryOnInterrupt([&] { return ::openat(rootFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    if (!folder) return gone(errno);
+    struct stat status {};
+    if (::fstat(folder.get(), &status) != 0) return gone(errno);
+    struct statfs volume {};
+    if (retryOnInterrupt([&] { return ::fstatfs(folder.get(), &volume); }) != 0) return gone(errno);
+    char names[4096];
+    if (retryOnInterrupt([&] { return ::getdents64(folder.get(), names, sizeof names); }) < 0) return gone(errno);
+    if (retryOnInterrupt([&] { return ::fsync(folder.get()); }) != 0) return gone(errno);
+    return std::nullopt;
+}
 
 }  // namespace varnel

@@ -61,6 +61,11 @@ public:
     std::string canonicalPath(const std::string& absolutePath) override;
     void makeDirectoryAtPath(const std::string& absolutePath, std::uint16_t mode) override;
     VolumeInfo volumeInfo(const std::string& absolutePath) override;
+    // Opens the root folder for reading, then stats it, asks for its volume's figures,
+    // reads its first names and flushes it. A healthy volume answers all of these; each
+    // kind of vanished volume refuses at least one (a shut-down xfs the open or stat,
+    // a shut-down ext4 the flush, a FUSE file system without its process the statfs).
+    std::optional<int> volumeFailure(const EndpointRoot& root) override;
 
     // The descriptor of a root this class opened, or -1 for a root from elsewhere. For
     // the copy engine, which opens files beneath it.

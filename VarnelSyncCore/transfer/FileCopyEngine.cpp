@@ -113,6 +113,20 @@ public:
         return current;
     }
 
+    // After the copy, before anything is committed: the source must still be the very
+    // file the copy started from, untouched. A write moves the change time even when the
+    // size stays and the modification time is set back; a rename over the source or its
+    // removal changes the inode or takes the name away. Otherwise the staged bytes may mix
+    // two versions, and the old destination file stays.
+    void checkSourceUnchangedSince(const FileSystemEntry& before) const {
+        const FileSystemEntry after = recheckSource(before);
+        if (after.deviceID != before.deviceID || after.inode != before.inode ||
+            after.modificationTime != before.modificationTime || after.changeTime != before.changeTime) {
+            throwChanged(path_, tr("It changed while it was being copied, so the copy was discarded. Run Analyze "
+                                   "again to include the new version."));
+        }
+    }
+
     // Step 2: the folder that will hold the item must be a real folder, not a link.
     void checkDestinationFolder() const {
         const auto notReal = [&] {
@@ -226,6 +240,8 @@ FileResult FileCopyEngine::copyFile(const SyncAction& action, const ProgressCall
     } catch (const POSIXFileError& error) {
         // An item already at the fresh staging name is not ours to remove.
         if (error.errnoValue() == EEXIST && error.path() == displayPath(staging.root, staging.path)) guard.disarm();
+        // A source cut short or replaced during the copy is a change, not a broken copy.
+        if (error.path() == displayPath(sourceRoot, path)) run.checkSourceUnchangedSince(current);
         throw SyncError(SyncError::CopyFailed{path, error.errnoValue(), error.message()});
     }
 
@@ -235,13 +251,20 @@ FileResult FileCopyEngine::copyFile(const SyncAction& action, const ProgressCall
     result.metadataProblems = copied.metadataProblems;
     run.checkMetadata(copied.metadataProblems);
     if (verificationMode == VerificationMode::verifyCopiedFiles) {
-        run.verify(staging, isCancelled);
+        try {
+            run.verify(staging, isCancelled);
+        } catch (const SyncError& error) {
+            // A source written to after its copy hashes differently: that is the change.
+            if (error.is<SyncError::VerificationFailed>()) run.checkSourceUnchangedSince(current);
+            throw;
+        }
         result.verified = true;
         testhooks::reached(testhooks::CommitStep::verify);
     }
     const FlushResult fileFlush = run.flushStaged(staging, result.bytesWritten);
     testhooks::reached(testhooks::CommitStep::flushFile);
     throwIfCancelled(isCancelled);  // the last moment at which stopping leaves the destination as it was
+    run.checkSourceUnchangedSince(current);
 
     run.commit(staging, renameModeFor(action.type));
     guard.disarm();

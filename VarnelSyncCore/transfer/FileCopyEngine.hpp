@@ -32,7 +32,8 @@ namespace varnel {
 // Test builds name these steps for the crash tests (common/TestHooks.hpp).
 //
 // Failures are thrown as SyncError:
-// - sourceChangedSinceAnalysis: the source is gone, changed kind or size; the
+// - sourceChangedSinceAnalysis: the source is gone, changed kind or size, or changed
+//   during the copy (its inode, size, modification or change time differ afterwards); the
 //   destination's folder is not a real folder; a new file's path was taken meanwhile.
 //   Nothing was written; the executor records these as skips with a warning.
 // - copyFailed, metadataPreservationFailed (strict policy), verificationFailed,

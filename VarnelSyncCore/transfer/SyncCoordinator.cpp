@@ -78,16 +78,18 @@ SyncCoordinator::AnalysisOutcome SyncCoordinator::analyze(const SyncProfile& pro
     outcome.destinationVolume = endpoints.destinationVolume.identity;
 
     const SyncScanner scanner(*c_.fileSystem, ExclusionEngine(profile.exclusionRules, profile.hiddenFilePolicy));
+    const EndpointRoot sourceRoot = c_.fileSystem->openRoot(endpoints.canonicalSourceURL);
+    const EndpointRoot destinationRoot = c_.fileSystem->openRoot(endpoints.canonicalDestinationURL);
+    outcome.sourceDeviceID = c_.fileSystem->entry(sourceRoot, RelativePath()).deviceID;
+    outcome.destinationDeviceID = c_.fileSystem->entry(destinationRoot, RelativePath()).deviceID;
     report(SyncPhase::scanningSource);
-    const ScanResult sourceScan = scanner.scan(
-        c_.fileSystem->openRoot(endpoints.canonicalSourceURL), EndpointRole::source,
-        endpoints.sourceVolume.identity.isCaseSensitive,
-        [&](const ScanProgress& p) { report(SyncPhase::scanningSource, p); }, stop);
+    const ScanResult sourceScan =
+        scanner.scan(sourceRoot, EndpointRole::source, endpoints.sourceVolume.identity.isCaseSensitive,
+                     [&](const ScanProgress& p) { report(SyncPhase::scanningSource, p); }, stop);
     report(SyncPhase::scanningDestination);
-    const ScanResult destinationScan = scanner.scan(
-        c_.fileSystem->openRoot(endpoints.canonicalDestinationURL), EndpointRole::destination,
-        endpoints.destinationVolume.identity.isCaseSensitive,
-        [&](const ScanProgress& p) { report(SyncPhase::scanningDestination, p); }, stop);
+    const ScanResult destinationScan =
+        scanner.scan(destinationRoot, EndpointRole::destination, endpoints.destinationVolume.identity.isCaseSensitive,
+                     [&](const ScanProgress& p) { report(SyncPhase::scanningDestination, p); }, stop);
 
     outcome.analyzedAt = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
     std::vector<SyncWarning> preflight = endpoints.warnings;
@@ -197,6 +199,17 @@ SyncCoordinator::Synchronization SyncCoordinator::synchronize(const AnalysisOutc
     engine.runID = runID;
     engine.sourceRoot = c_.fileSystem->openRoot(plan.sourceRoot);
     engine.destinationRoot = c_.fileSystem->openRoot(plan.destinationRoot);
+    // A drive unmounted since the analysis leaves the folder underneath its mount point
+    // at the same path: never write there.
+    const auto onAnotherDevice = [&](const EndpointRoot& root, const std::optional<std::uint64_t>& scanned) {
+        return scanned && c_.fileSystem->entry(root, RelativePath()).deviceID != *scanned;
+    };
+    if (onAnotherDevice(engine.destinationRoot, outcome.destinationDeviceID)) {
+        throw SyncError(SyncError::VolumeDisappeared{EndpointRole::destination, outcome.destinationVolume.volumeName});
+    }
+    if (onAnotherDevice(engine.sourceRoot, outcome.sourceDeviceID)) {
+        throw SyncError(SyncError::VolumeDisappeared{EndpointRole::source, outcome.sourceVolume.volumeName});
+    }
     engine.stagingDirectory = stagingDirectory;
 
     TransferScheduler scheduler;

@@ -19,6 +19,7 @@
 #include "transfer/SyncRunResult.hpp"
 #include "transfer/TransferProgress.hpp"
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -55,6 +56,10 @@ public:
         std::shared_ptr<AccessScope> accessScope;  // released by the caller when done
         PartialFileSummary partialFiles;
         std::optional<RelativePath> archiveRunFolder;  // Mirror: fixed now for the whole run
+        // The devices the two folders were scanned on; synchronising refuses folders that
+        // are now on another (a drive unmounted since, leaving the folder underneath).
+        std::optional<std::uint64_t> sourceDeviceID;
+        std::optional<std::uint64_t> destinationDeviceID;
         Date analyzedAt;
     };
 
@@ -78,7 +83,8 @@ public:
     // Refuses, before anything is written: planIsStale when the outcome no longer belongs
     // to the profile's current analysis (another profile, an edit of the profile after
     // the analysis, or a newer analysis recorded in lastAnalysisDate); then the first
-    // blocker; then confirmationRequired.
+    // blocker; then confirmationRequired; then volumeDisappeared when a folder, opened
+    // again, is no longer on the device it was scanned on.
     Synchronization synchronize(const AnalysisOutcome& outcome, const SyncProfile& profile,
                                 const Confirmation& confirmation, CancellationFlag& cancellation,
                                 const TransferProgressHandler& progress = {}) const;

@@ -28,6 +28,14 @@ std::string operationLabel(const SyncAction& action) {
     }
 }
 
+// The errno behind a failure, where it carries one.
+std::optional<int> errnoOf(const SyncError& error) {
+    if (const auto* copy = error.as<SyncError::CopyFailed>()) return copy->errnoValue;
+    if (const auto* commit = error.as<SyncError::AtomicReplaceFailed>()) return commit->errnoValue;
+    if (const auto* download = error.as<SyncError::OnlineOnlyDownloadFailed>()) return download->errnoValue;
+    return std::nullopt;
+}
+
 std::uint64_t plannedSize(const SyncAction& action) {
     return action.expectedBytes > 0 ? static_cast<std::uint64_t>(action.expectedBytes) : 0;
 }
@@ -98,6 +106,7 @@ private:
                     accumulator_.recordFailure(*action,
                                                SyncError::DirectoryCreationFailed{action->relativePath, error.message()},
                                                secondsSince(start));
+                    stopIfAVolumeVanished(error.errnoValue());
                     continue;
                 }
             }
@@ -207,6 +216,26 @@ private:
     void fail(const SyncAction& action, const SyncError& error, std::uint64_t start) {
         accumulator_.recordFailure(action, error, secondsSince(start));
         progress_.finishItem(action.relativePath, ProgressAggregator::ItemOutcome::failed, plannedSize(action));
+        stopIfAVolumeVanished(errnoOf(error));
+    }
+
+    // A drive that is shut down, or a FUSE file system whose process died, stays in the
+    // mount table, so the volume monitor never hears of it: every operation on it just
+    // fails. After a failure that may mean that, ask both volumes whether they still
+    // answer, and stop the run as for an unmounted drive when one does not.
+    void stopIfAVolumeVanished(std::optional<int> errnoValue) {
+        if (stopped() || (errnoValue && !mayMeanVolumeGone(*errnoValue))) return;
+        if (c_.fileSystem->volumeFailure(c_.copyEngine.destinationRoot)) {
+            cancellation_.stopBecause(
+                SyncError::VolumeDisappeared{EndpointRole::destination, volumeName(plan_.destinationVolume)});
+        } else if (c_.fileSystem->volumeFailure(c_.copyEngine.sourceRoot)) {
+            cancellation_.stopBecause(
+                SyncError::VolumeDisappeared{EndpointRole::source, volumeName(plan_.sourceVolume)});
+        }
+    }
+
+    static std::optional<std::string> volumeName(const std::optional<VolumeIdentity>& volume) {
+        return volume ? volume->volumeName : std::nullopt;
     }
 
     void archive(const std::vector<const SyncAction*>& items) {
@@ -238,6 +267,7 @@ private:
             } catch (const SyncError& error) {
                 if (error.is<SyncError::Cancelled>()) return;
                 accumulator_.recordFailure(*action, error, secondsSince(start));
+                stopIfAVolumeVanished(errnoOf(error));
             }
         }
     }

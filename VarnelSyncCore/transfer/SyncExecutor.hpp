@@ -29,7 +29,10 @@ namespace varnel {
 //    Durable and Maximum mode are flushed, deepest first, once everything inside them
 //    is written.
 // A stop (user or vanished volume) lets copies in flight discard their staging files,
-// starts nothing new, and ends the run as cancelled (or failed, for a volume).
+// starts nothing new, and ends the run as cancelled (or failed, for a volume). A volume
+// that stays mounted but stops answering (shut down, its FUSE process gone) is noticed
+// by asking both roots after a failure that may mean it (FileSystemProviding's
+// volumeFailure), and stops the run in the same way.
 class SyncExecutor {
 public:
     struct Collaborators {
