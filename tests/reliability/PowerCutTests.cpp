@@ -98,6 +98,9 @@ protected:
 
     // Formats and mounts the destination; "" or why not (a reason to skip).
     std::string prepare(const FileSystemKind& kind, const std::string& durability) {
+        if (kind.viaXfsIo && runProgram({"sh", "-c", "command -v xfs_io"}) != 0) {
+            return "xfs_io is not installed (xfsprogs), so xfs cannot be shut down";
+        }
         std::string whyNot;
         destination = mountsOnWork().mountImage(kind.name, kind.mkfs, kind.imageBytes, whyNot, kind.mountOptions);
         if (destination.empty()) return kind.name + ": " + whyNot;
