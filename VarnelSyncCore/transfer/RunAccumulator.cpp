@@ -146,6 +146,10 @@ SyncRunResult RunAccumulator::makeResult(const RunFacts& facts) const {
     result.verificationFailures = verificationFailures_;
     result.durability = durability_;
     result.errors = errors_;
+    // The error that stopped the run is part of its record, so the log says why it ended.
+    if (fatalError_ && !fatalError_->is<SyncError::Cancelled>()) {
+        result.errors.push_back(RecordedError{Uuid::random(), std::nullopt, fatalError_->code(), fatalError_->message()});
+    }
     result.warnings = warnings_;
     if (successResultsTruncated_ > 0 || errorsTruncated_ > 0) {
         result.warnings.emplace_back(

@@ -57,6 +57,8 @@ TEST(RunAccumulatorTest, OutcomesWarningsAndDurability) {
     run.setFatalError(SyncError::Cancelled{});
     const auto failed = run.makeResult(facts());
     EXPECT_EQ(failed.outcome, SyncRunOutcome::failed) << "the first fatal error is kept";
+    ASSERT_FALSE(failed.errors.empty());
+    EXPECT_EQ(failed.errors.back().code, "volume_disappeared") << "the result says why the run stopped";
     EXPECT_EQ(failed.durability.filesUncertainDurability, 1);
     EXPECT_EQ(failed.durability.flushCount, 1);
     ASSERT_EQ(failed.warnings.size(), 2u);
