@@ -16,6 +16,7 @@ VARNEL_PACKAGES=(
   gettext               # translation of user sentences
   tzdata                # named time zones for the schedule tests
   e2fsprogs xfsprogs btrfs-progs  # mkfs for the volume tests on loop-mounted ext4, xfs, btrfs
+  clang libclang-rt-14-dev llvm  # scripts/test-sanitizers: clang 14 with the ASan/UBSan and libFuzzer runtimes, llvm-symbolizer for readable reports
   dosfstools fusefat    # FAT destinations (mkfs.vfat; FAT through FUSE where the kernel has no vfat)
   exfatprogs exfat-fuse # exFAT destinations (mkfs.exfat; exFAT through FUSE)
   bindfs                # a FUSE destination whose process the vanishing-drive test kills

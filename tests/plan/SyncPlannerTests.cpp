@@ -48,7 +48,7 @@ SyncPlan analyze(FileSystemProviding& fs, const std::string& source, const std::
                              .destinationFreeBytes = 1'000'000'000,
                              .destinationCaseSensitive = options.destinationCaseSensitive,
                              .onlineOnlyPolicy = options.onlineOnly};
-    const SyncPlanner planner(FileComparator(FileComparator::kHighPrecisionToleranceNanoseconds));
+    const SyncPlanner planner{FileComparator(FileComparator::kHighPrecisionToleranceNanoseconds)};
     return planner.plan(input, stop);
 }
 
