@@ -49,6 +49,26 @@ private:
     std::shared_ptr<VolumeMonitoring> monitor_;
 };
 
+// Removes the staging files an interrupted run left in the destination, as analysis
+// found them. An item that has changed since (another inode, now a folder) is left alone;
+// a removal that fails is reported, and the run goes on: leftovers never hold user data.
+void removeLeftovers(FileSystemProviding& fileSystem, const EndpointRoot& destination,
+                     const std::vector<FileSystemEntry>& leftovers, std::vector<SyncWarning>& warnings) {
+    for (const auto& found : leftovers) {
+        if (!found.isRegularFile() && !found.isSymbolicLink()) continue;
+        try {
+            const FileSystemEntry now = fileSystem.entry(destination, found.relativePath);
+            if (now.inode != found.inode || now.kind != found.kind) continue;
+            fileSystem.removeFile(destination, found.relativePath);
+        } catch (const std::exception& error) {
+            warnings.emplace_back(Category::orphanedPartialFile,
+                                  trFormat("The leftover staging file “{}” could not be removed: {}",
+                                           found.relativePath.description(), error.what()),
+                                  found.relativePath);
+        }
+    }
+}
+
 }  // namespace
 
 SyncCoordinator::AnalysisOutcome SyncCoordinator::analyze(const SyncProfile& profile,
@@ -94,6 +114,7 @@ SyncCoordinator::AnalysisOutcome SyncCoordinator::analyze(const SyncProfile& pro
     outcome.analyzedAt = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
     std::vector<SyncWarning> preflight = endpoints.warnings;
     outcome.partialFiles = PartialFileSummary::of(destinationScan.stagingItems, outcome.analyzedAt);
+    outcome.leftoverStagingFiles = destinationScan.stagingItems;
     if (outcome.partialFiles.count > 0) {
         preflight.emplace_back(Category::orphanedPartialFile,
                                outcome.partialFiles.sentence() +
@@ -211,6 +232,7 @@ SyncCoordinator::Synchronization SyncCoordinator::synchronize(const AnalysisOutc
         throw SyncError(SyncError::VolumeDisappeared{EndpointRole::source, outcome.sourceVolume.volumeName});
     }
     engine.stagingDirectory = stagingDirectory;
+    removeLeftovers(*c_.fileSystem, engine.destinationRoot, outcome.leftoverStagingFiles, extraWarnings);
 
     TransferScheduler scheduler;
     scheduler.isSameVolume = plan.isSameVolume;

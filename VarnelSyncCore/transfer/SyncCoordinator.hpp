@@ -55,6 +55,9 @@ public:
         VolumeIdentity destinationVolume;
         std::shared_ptr<AccessScope> accessScope;  // released by the caller when done
         PartialFileSummary partialFiles;
+        // The staging files themselves: synchronising removes them before it writes, so a
+        // single rerun after an interrupted one leaves the destination clean.
+        std::vector<FileSystemEntry> leftoverStagingFiles;
         std::optional<RelativePath> archiveRunFolder;  // Mirror: fixed now for the whole run
         // The devices the two folders were scanned on; synchronising refuses folders that
         // are now on another (a drive unmounted since, leaving the folder underneath).

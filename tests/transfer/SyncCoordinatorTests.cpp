@@ -1,6 +1,7 @@
 #include "app/SyncApplication.hpp"
 #include "archive/ArchiveLayout.hpp"
 #include "support/MountSandbox.hpp"
+#include "transfer/PartialFileNaming.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 #include <gtest/gtest.h>
@@ -124,6 +125,28 @@ TEST_F(CoordinatorTest, MirrorArchivesIntoTheRunFolderFixedAtAnalysis) {
     std::ifstream report(app->logStore().reportPath(result.id));
     const std::string text((std::istreambuf_iterator<char>(report)), {});
     EXPECT_NE(text.find("Items archived   : 1"), std::string::npos) << text;
+}
+
+TEST_F(CoordinatorTest, LeftoverStagingFilesFoundByAnalysisAreRemovedBeforeTheRun) {
+    temp.writeFile("src/a.txt", "new text");
+    temp.writeFile("dst/a.txt", "old");
+    const std::string killed = PartialFileNaming::makeStagingName("a.txt", Uuid::random());
+    const std::string replaced = PartialFileNaming::makeStagingName("b.txt", Uuid::random());
+    temp.writeFile("dst/" + killed, "half of a");
+    temp.writeFile("dst/sub/" + replaced, "half of b");
+    const Uuid id = addProfile(SyncMode::update);
+    auto outcome = app->analyze(id);
+    EXPECT_EQ(outcome.partialFiles.count, 2);
+    // Replaced since the analysis: no longer the item analysis found, so it stays.
+    // (Written beside it and renamed over it, so it cannot reuse the inode number.)
+    temp.writeFile("dst/sub/other", "someone else's");
+    fs::rename(destination() / "sub" / "other", destination() / "sub" / replaced);
+
+    const auto result = sync(outcome).result;
+    EXPECT_EQ(result.outcome, SyncRunOutcome::success);
+    EXPECT_FALSE(fs::exists(destination() / killed));
+    EXPECT_EQ(temp.readFile("dst/sub/" + replaced), "someone else's");
+    EXPECT_EQ(temp.readFile("dst/a.txt"), "new text");
 }
 
 TEST_F(CoordinatorTest, SevereConcernNeedsTheTypedWordAndNothingIsWrittenBefore) {
