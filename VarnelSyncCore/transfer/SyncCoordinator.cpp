@@ -4,6 +4,7 @@
 #include "common/Localization.hpp"
 #include "plan/SyncPlanner.hpp"
 #include "scan/CloudFolderDetection.hpp"
+#include "scan/EndpointPairScan.hpp"
 #include "scan/EndpointValidator.hpp"
 #include "scan/SyncScanner.hpp"
 #include "transfer/PartialFileNaming.hpp"
@@ -102,14 +103,15 @@ SyncCoordinator::AnalysisOutcome SyncCoordinator::analyze(const SyncProfile& pro
     const EndpointRoot destinationRoot = c_.fileSystem->openRoot(endpoints.canonicalDestinationURL);
     outcome.sourceDeviceID = c_.fileSystem->entry(sourceRoot, RelativePath()).deviceID;
     outcome.destinationDeviceID = c_.fileSystem->entry(destinationRoot, RelativePath()).deviceID;
-    report(SyncPhase::scanningSource);
-    const ScanResult sourceScan =
-        scanner.scan(sourceRoot, EndpointRole::source, endpoints.sourceVolume.identity.isCaseSensitive,
-                     [&](const ScanProgress& p) { report(SyncPhase::scanningSource, p); }, stop);
-    report(SyncPhase::scanningDestination);
-    const ScanResult destinationScan =
-        scanner.scan(destinationRoot, EndpointRole::destination, endpoints.destinationVolume.identity.isCaseSensitive,
-                     [&](const ScanProgress& p) { report(SyncPhase::scanningDestination, p); }, stop);
+    const EndpointPairScan scans = EndpointPairScan::run(
+        scanner, {sourceRoot, endpoints.sourceVolume.identity.isCaseSensitive},
+        {destinationRoot, endpoints.destinationVolume.identity.isCaseSensitive},
+        [&](EndpointRole role, const std::optional<ScanProgress>& p) {
+            report(role == EndpointRole::source ? SyncPhase::scanningSource : SyncPhase::scanningDestination, p);
+        },
+        stop);
+    const ScanResult& sourceScan = scans.source;
+    const ScanResult& destinationScan = scans.destination;
 
     outcome.analyzedAt = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
     std::vector<SyncWarning> preflight = endpoints.warnings;

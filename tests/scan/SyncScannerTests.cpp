@@ -1,3 +1,4 @@
+#include "scan/EndpointPairScan.hpp"
 #include "scan/RealFileSystem.hpp"
 #include "scan/SyncScanner.hpp"
 #include "support/FakeFileSystem.hpp"
@@ -222,6 +223,50 @@ TEST_F(SyncScannerTest, CancellationThrowsAndProgressArrivesEveryIntervalItems) 
     } catch (const SyncError& error) {
         EXPECT_EQ(error.code(), "cancelled");
     }
+}
+
+TEST_F(SyncScannerTest, BothSidesScannedAtOnceReportLikeOneAfterTheOther) {
+    for (int i = 0; i < 300; ++i) {
+        fs.addFile("/src/d" + std::to_string(i % 7) + "/f" + std::to_string(i), "x");
+        fs.addFile("/dst/d" + std::to_string(i % 5) + "/f" + std::to_string(i), "x");
+    }
+    const SyncScanner scanner(fs, noRules(), 10);
+    std::vector<EndpointRole> phases;  // the role of each report, in arrival order
+    std::int64_t lastDestinationCount = 0;
+    int inside = 0;
+    std::stop_source stop;
+    const auto handler = [&](EndpointRole role, const std::optional<ScanProgress>& progress) {
+        EXPECT_EQ(inside++, 0) << "two progress reports at once";
+        phases.push_back(role);
+        if (progress) {
+            EXPECT_EQ(progress->role, role);
+            if (role == EndpointRole::destination) lastDestinationCount = progress->itemsFound;
+        }
+        --inside;
+    };
+    const auto pair = EndpointPairScan::run(scanner, {fs.openRoot("/src")}, {fs.openRoot("/dst")}, handler, stop.get_token());
+    EXPECT_EQ(pair.source.size(), 307u);
+    EXPECT_EQ(pair.destination.size(), 305u);
+    EXPECT_EQ(lastDestinationCount, 300);  // the last report of every 10 items
+    ASSERT_FALSE(phases.empty());
+    EXPECT_EQ(phases.front(), EndpointRole::source);
+    EXPECT_TRUE(std::is_partitioned(phases.begin(), phases.end(),
+                                    [](EndpointRole role) { return role == EndpointRole::source; }));
+    EXPECT_EQ(phases.back(), EndpointRole::destination);
+
+    // Stopped during the source scan: both scans end and the cancellation is thrown.
+    phases.clear();
+    const auto stopping = [&](EndpointRole role, const std::optional<ScanProgress>& progress) {
+        phases.push_back(role);
+        if (progress && progress->itemsFound >= 50) stop.request_stop();
+    };
+    try {
+        (void)EndpointPairScan::run(scanner, {fs.openRoot("/src")}, {fs.openRoot("/dst")}, stopping, stop.get_token());
+        FAIL() << "a cancelled pair scan must throw";
+    } catch (const SyncError& error) {
+        EXPECT_EQ(error.code(), "cancelled");
+    }
+    EXPECT_EQ(std::count(phases.begin(), phases.end(), EndpointRole::destination), 0);
 }
 
 TEST(SyncScannerRealTest, ALinkToTheParentIsNotFollowedAndNotALoop) {
