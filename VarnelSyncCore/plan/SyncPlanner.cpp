@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <deque>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -21,10 +22,23 @@ using Reason = SyncActionReason;
 constexpr const char* kHiddenDescription = "Hidden files are skipped by this profile";
 
 // How the destination volume tells names apart: canonical form, lower-cased when it
-// ignores case.
-std::string matchKey(const RelativePath& path, bool caseSensitive) {
-    return caseSensitive ? path.canonicalValue() : unicode::toLower(path.canonicalValue());
-}
+// ignores case. On a case-sensitive volume a key is a view of the path's own text, so
+// planning allocates nothing per item for its look-ups; lower-cased keys are kept here.
+// Every path handed in must outlive the planning pass (they all live in its input).
+class MatchKeys {
+public:
+    explicit MatchKeys(bool caseSensitive) : caseSensitive_(caseSensitive) {}
+    std::string_view of(const RelativePath& path) {
+        if (caseSensitive_) return path.canonicalValue();
+        return lowered_.emplace_back(unicode::toLower(path.canonicalValue()));
+    }
+
+private:
+    bool caseSensitive_;
+    std::deque<std::string> lowered_;  // a deque never moves what it holds
+};
+
+using KeySet = std::unordered_set<std::string_view>;
 
 std::optional<FileSystemEntry> copyOf(const FileSystemEntry* entry) {
     return entry ? std::optional<FileSystemEntry>(*entry) : std::nullopt;
@@ -36,38 +50,41 @@ std::string_view parentKey(std::string_view key) {
 }
 
 // Whether `key` or one of its ancestors is in `folders`.
-bool isAtOrBelow(std::string_view key, const std::unordered_set<std::string>& folders) {
+bool isAtOrBelow(std::string_view key, const KeySet& folders) {
     if (folders.empty()) return false;
-    if (folders.contains(std::string())) return true;  // the root itself
+    if (folders.contains(std::string_view())) return true;  // the root itself
     for (std::size_t slash = key.find('/'); slash != std::string_view::npos; slash = key.find('/', slash + 1)) {
-        if (folders.contains(std::string(key.substr(0, slash)))) return true;
+        if (folders.contains(key.substr(0, slash))) return true;
     }
-    return folders.contains(std::string(key));
+    return folders.contains(key);
 }
 
 // Everything one planning pass keeps while it runs.
 class PlanBuilder {
 public:
     PlanBuilder(const SyncPlanner::Input& input, const FileComparator& comparator)
-        : input_(input), comparator_(comparator), caseSensitive_(input.destinationCaseSensitive) {
+        : input_(input), comparator_(comparator), keys_(input.destinationCaseSensitive) {
+        destinationByKey_.reserve(input.destination.size());
+        matchedDestination_.reserve(input.destination.size());
         for (const auto& entry : input.destination.orderedEntries()) {
-            destinationByKey_.try_emplace(matchKey(entry.relativePath, caseSensitive_), &entry);
+            destinationByKey_.try_emplace(keys_.of(entry.relativePath), &entry);
         }
     }
 
     void planSource(const std::stop_token& stop) {
-        std::unordered_map<std::string, RelativePath> firstSourceWithKey;
+        std::unordered_map<std::string_view, const RelativePath*> firstSourceWithKey;
+        firstSourceWithKey.reserve(input_.source.size());
         for (const FileSystemEntry& entry : input_.source.orderedEntries()) {
             if (stop.stop_requested()) throw SyncError(SyncError::Cancelled{});
-            std::string key = matchKey(entry.relativePath, caseSensitive_);
-            if (unplannedFolders_.contains(std::string(parentKey(key)))) {
+            const std::string_view key = keys_.of(entry.relativePath);
+            if (!unplannedFolders_.empty() && unplannedFolders_.contains(parentKey(key))) {
                 if (entry.isDirectory()) unplannedFolders_.insert(key);
                 markMatched(key);  // never archive what the source still holds
                 continue;
             }
-            const auto [first, isFirst] = firstSourceWithKey.try_emplace(key, entry.relativePath);
+            const auto [first, isFirst] = firstSourceWithKey.try_emplace(key, &entry.relativePath);
             if (!isFirst) {
-                planSourceCollision(entry, first->second);
+                planSourceCollision(entry, *first->second);
                 if (entry.isDirectory()) unplannedFolders_.insert(key);
                 continue;
             }
@@ -76,12 +93,12 @@ public:
     }
 
     void planExcludedAndUnreadable() {
-        std::unordered_set<std::string> listed;
+        KeySet listed;
         for (const auto* scan : {&input_.source, &input_.destination}) {
             for (const auto& item : scan->excluded) {
-                std::string key = matchKey(item.path, caseSensitive_);
+                const std::string_view key = keys_.of(item.path);
                 excludedKeys_.insert(key);
-                if (!listed.insert(std::move(key)).second) continue;  // excluded on both sides: one row
+                if (!listed.insert(key).second) continue;  // excluded on both sides: one row
                 const Reason reason = item.ruleDescription == tr(kHiddenDescription)
                                           ? Reason(Reason::HiddenFileSkipped{})
                                           : Reason(Reason::MatchedExclusionRule{item.ruleDescription});
@@ -98,14 +115,14 @@ public:
             emit(others_, SyncAction{SyncActionType::error, failure.path, reason, std::nullopt, std::nullopt, 0});
         }
         for (const auto& folder : input_.source.unreadableDirectories) {
-            unreadableSourceKeys_.insert(matchKey(folder, caseSensitive_));
+            unreadableSourceKeys_.insert(keys_.of(folder));
         }
     }
 
     void planMirrorDestinationPass() {
         if (input_.mode != SyncMode::mirror) return;
         for (const FileSystemEntry& entry : input_.destination.orderedEntries()) {
-            const std::string key = matchKey(entry.relativePath, caseSensitive_);
+            const std::string_view key = keys_.of(entry.relativePath);
             if (matchedDestination_.contains(key)) continue;
             // An exclusion protects the destination item too.
             if (isAtOrBelow(key, excludedKeys_)) continue;
@@ -147,7 +164,7 @@ private:
                                entry.relativePath);
     }
 
-    void planSourceEntry(const FileSystemEntry& source, const std::string& key) {
+    void planSourceEntry(const FileSystemEntry& source, std::string_view key) {
         if (source.kind == EntryKind::unsupported) {
             markMatched(key);
             emit(others_, SyncAction{SyncActionType::skipUnsupportedItem, source.relativePath,
@@ -214,7 +231,7 @@ private:
     }
 
     void planTypeChange(const FileSystemEntry& source, const FileSystemEntry& destination,
-                        const Reason::TypeChanged& change, const std::string& key) {
+                        const Reason::TypeChanged& change, std::string_view key) {
         if (input_.mode == SyncMode::mirror) {
             // Move the old item aside, then create the source's item in its place.
             archive(destination, change);
@@ -237,7 +254,7 @@ private:
     bool skipsOnlineOnly(const FileSystemEntry& source) {
         if (!source.isDataless || input_.onlineOnlyPolicy != OnlineOnlyPolicy::skip) return false;
         emit(files_, SyncAction{SyncActionType::skipOnlineOnlyFile, source.relativePath, Reason::OnlineOnlyInSource{},
-                                source, copyOf(findDestination(matchKey(source.relativePath, caseSensitive_))), 0});
+                                source, copyOf(findDestination(keys_.of(source.relativePath))), 0});
         return true;
     }
 
@@ -252,12 +269,12 @@ private:
                                    std::nullopt, destination, 0});
     }
 
-    const FileSystemEntry* findDestination(const std::string& key) const {
+    const FileSystemEntry* findDestination(std::string_view key) const {
         const auto found = destinationByKey_.find(key);
         return found == destinationByKey_.end() ? nullptr : found->second;
     }
 
-    void markMatched(const std::string& key) { matchedDestination_.insert(key); }
+    void markMatched(std::string_view key) { matchedDestination_.insert(key); }
 
     // Adds the action to its list and counts it.
     void emit(std::vector<SyncAction>& list, SyncAction action) {
@@ -321,13 +338,13 @@ private:
 
     const SyncPlanner::Input& input_;
     const FileComparator& comparator_;
-    const bool caseSensitive_;
+    MatchKeys keys_;
 
-    std::unordered_map<std::string, const FileSystemEntry*> destinationByKey_;
-    std::unordered_set<std::string> matchedDestination_;
-    std::unordered_set<std::string> unplannedFolders_;
-    std::unordered_set<std::string> excludedKeys_;
-    std::unordered_set<std::string> unreadableSourceKeys_;
+    std::unordered_map<std::string_view, const FileSystemEntry*> destinationByKey_;
+    KeySet matchedDestination_;
+    KeySet unplannedFolders_;
+    KeySet excludedKeys_;
+    KeySet unreadableSourceKeys_;
 
     std::vector<SyncAction> creations_, files_, archives_, others_;
     std::vector<SyncWarning> warnings_;
