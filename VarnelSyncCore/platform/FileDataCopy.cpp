@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,6 +24,13 @@ constexpr std::size_t kFallbackBufferBytes = std::size_t{1} << 20;
 // The kernel's ways of saying "copy_file_range cannot do this pair of files".
 bool copyFileRangeRefused(int error) {
     return error == EXDEV || error == EINVAL || error == EOPNOTSUPP || error == ENOSYS;
+}
+
+// FICLONE's answers that hold for every file between the two file systems: they cannot
+// share blocks at all, or are not one file system. EINVAL is not among them: btrfs gives
+// it for single files (one with checksums off, say) while others clone fine.
+bool cloneUnsupportedBetweenFileSystems(int error) {
+    return error == EOPNOTSUPP || error == ENOTTY || error == ENOSYS || error == EXDEV;
 }
 
 // Errors that can only come from writing the target.
@@ -138,36 +144,43 @@ std::optional<DataCopyFailure> nextDataRegion(int fd, std::int64_t offset, std::
 }  // namespace
 
 std::variant<DataCopied, DataCopyFailure> copyFileData(int sourceFd, int targetFd, std::int64_t size,
-                                                       bool allowClone, std::size_t chunkBytes,
+                                                       bool mayHaveHoles, bool allowClone, std::size_t chunkBytes,
                                                        const CopyProgress& progress) {
     DataMover mover(sourceFd, targetFd, chunkBytes, progress);
     mover.report(0);
 
-    if (allowClone && size > 0 && ::ioctl(targetFd, FICLONE, sourceFd) == 0) {
-        // A clone takes the source's whole length, which may have grown since `size` was read.
-        testhooks::reached(testhooks::CommitStep::finalBlock);
-        if (::ftruncate(targetFd, size) != 0) return DataCopyFailure{"ftruncate", errno, false};
-        mover.report(size);
-        return DataCopied{true};
+    DataCopied copied;
+    if (allowClone && size > 0) {
+        if (::ioctl(targetFd, FICLONE, sourceFd) == 0) {
+            // A clone takes the source's whole length, which may have grown since `size` was read.
+            testhooks::reached(testhooks::CommitStep::finalBlock);
+            if (::ftruncate(targetFd, size) != 0) return DataCopyFailure{"ftruncate", errno, false};
+            mover.report(size);
+            copied.cloned = true;
+            return copied;
+        }
+        copied.cloneUnsupported = cloneUnsupportedBetweenFileSystems(errno);
     }
 
     std::int64_t offset = 0;
+    std::int64_t dataEnd = 0;  // the target's length so far: the end of the last data written
     while (offset < size) {
-        std::int64_t start = 0;
-        std::int64_t end = 0;
-        if (auto failure = nextDataRegion(sourceFd, offset, size, start, end)) return *failure;
+        std::int64_t start = offset;
+        std::int64_t end = size;
+        if (mayHaveHoles) {
+            if (auto failure = nextDataRegion(sourceFd, offset, size, start, end)) return *failure;
+        }
         if (start > offset) mover.report(start - offset);  // a hole, kept by not writing it
         if (auto failure = mover.copyRange(start, end)) return *failure;
+        if (end > start) dataEnd = end;
         offset = end;
     }
     testhooks::reached(testhooks::CommitStep::finalBlock);
     // Sets the final length where the data stopped short of it, so a trailing hole stays
     // a hole. A file written up to its end needs nothing more (some FUSE drivers, such as
     // fusefat, refuse ftruncate).
-    struct stat written {};
-    if (::fstat(targetFd, &written) != 0) return DataCopyFailure{"fstat", errno, false};
-    if (written.st_size != size && ::ftruncate(targetFd, size) != 0) return DataCopyFailure{"ftruncate", errno, false};
-    return DataCopied{false};
+    if (dataEnd != size && ::ftruncate(targetFd, size) != 0) return DataCopyFailure{"ftruncate", errno, false};
+    return copied;
 }
 
 }  // namespace varnel

@@ -11,6 +11,9 @@ namespace varnel {
 // The data of a copy arrived in full.
 struct DataCopied {
     bool cloned = false;  // by FICLONE: the copy shares the source's blocks
+    // FICLONE was tried and refused in a way that holds for every file between these two
+    // file systems (no cloning there, or not the same file system), not just this file.
+    bool cloneUnsupported = false;
 };
 
 // A system call of the data copy failed.
@@ -24,19 +27,23 @@ struct DataCopyFailure {
 // file `targetFd`, and gives the target exactly that length:
 //
 // 1. With `allowClone`, one FICLONE: same-volume copies on btrfs or xfs share blocks
-//    and cost nothing. Any refusal (EOPNOTSUPP, EXDEV, EINVAL, ...) falls through.
-// 2. Otherwise the data regions (SEEK_DATA / SEEK_HOLE) are copied with
-//    copy_file_range in blocks of at most `chunkBytes`, and holes are skipped, so a
-//    sparse file stays sparse. Where the kernel refuses copy_file_range (EXDEV, EINVAL,
-//    EOPNOTSUPP, ENOSYS) the rest goes by pread/pwrite.
-// 3. ftruncate to `size` writes the final length (and any trailing hole).
+//    and cost nothing. Any refusal (EOPNOTSUPP, EXDEV, EINVAL, ...) falls through; the
+//    result says whether it holds for the whole pair of file systems.
+// 2. Otherwise the data is copied with copy_file_range in blocks of at most
+//    `chunkBytes`. When the source `mayHaveHoles` (fewer bytes allocated than its
+//    length), only its data regions (SEEK_DATA / SEEK_HOLE) are copied, so a sparse file
+//    stays sparse; a fully allocated file is all data and is not probed. Where the kernel
+//    refuses copy_file_range (EXDEV, EINVAL, EOPNOTSUPP, ENOSYS) the rest goes by
+//    pread/pwrite.
+// 3. Where the data stopped short of `size` (a trailing hole), ftruncate writes the final
+//    length.
 //
 // `progress` is called with 0 before anything moves, then with each block's bytes
 // (a skipped hole counts as copied); when it returns false, OperationCancelled is
 // thrown. A source that ends before `size` (it shrank meanwhile) fails as "read" with
 // ENODATA rather than being padded with zeros; bytes beyond `size` are not copied.
 std::variant<DataCopied, DataCopyFailure> copyFileData(int sourceFd, int targetFd, std::int64_t size,
-                                                       bool allowClone, std::size_t chunkBytes,
+                                                       bool mayHaveHoles, bool allowClone, std::size_t chunkBytes,
                                                        const CopyProgress& progress);
 
 }  // namespace varnel

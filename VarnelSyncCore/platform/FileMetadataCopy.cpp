@@ -12,40 +12,38 @@ namespace varnel {
 
 namespace {
 
-// Values and lists of extended attributes are at most 64 KiB on Linux; the loops below
-// only guard against an attribute that grows between the size query and the read.
-std::optional<std::string> attributeNames(int fd, int& error) {
-    while (true) {
-        const ssize_t size = ::flistxattr(fd, nullptr, 0);
-        if (size < 0) {
-            error = errno;
-            return std::nullopt;
-        }
-        std::string names(static_cast<std::size_t>(size), '\0');
-        const ssize_t read = ::flistxattr(fd, names.data(), names.size());
-        if (read >= 0) {
-            names.resize(static_cast<std::size_t>(read));
-            return names;
-        }
-        if (errno != ERANGE) {
-            error = errno;
-            return std::nullopt;
-        }
+// Lists and values of extended attributes are read straight into a buffer of this size,
+// which holds almost all of them (most files have none), so one call is usual; a larger
+// one (at most 64 KiB on Linux) is read after asking for its size.
+constexpr std::size_t kFirstTryBytes = 1024;
+
+// One flistxattr or fgetxattr: `read(buffer, size)` returns the length or -1 with errno.
+// The loop only guards against an attribute that grows between the size query and the
+// read. None with errno set on failure.
+template <typename Read>
+std::optional<std::string> readAttributeData(const Read& read) {
+    std::string data(kFirstTryBytes, '\0');
+    ssize_t length = read(data.data(), data.size());
+    while (length < 0 && errno == ERANGE) {
+        const ssize_t size = read(nullptr, 0);
+        if (size < 0) return std::nullopt;
+        data.assign(static_cast<std::size_t>(size), '\0');
+        length = read(data.data(), data.size());
     }
+    if (length < 0) return std::nullopt;
+    data.resize(static_cast<std::size_t>(length));
+    return data;
+}
+
+std::optional<std::string> attributeNames(int fd, int& error) {
+    auto names = readAttributeData([fd](char* buffer, std::size_t size) { return ::flistxattr(fd, buffer, size); });
+    if (!names) error = errno;
+    return names;
 }
 
 std::optional<std::string> attributeValue(int fd, const char* name) {
-    while (true) {
-        const ssize_t size = ::fgetxattr(fd, name, nullptr, 0);
-        if (size < 0) return std::nullopt;
-        std::string value(static_cast<std::size_t>(size), '\0');
-        const ssize_t read = ::fgetxattr(fd, name, value.data(), value.size());
-        if (read >= 0) {
-            value.resize(static_cast<std::size_t>(read));
-            return value;
-        }
-        if (errno != ERANGE) return std::nullopt;
-    }
+    return readAttributeData(
+        [fd, name](char* buffer, std::size_t size) { return ::fgetxattr(fd, name, buffer, size); });
 }
 
 bool isACLAttribute(std::string_view name) {
@@ -87,9 +85,9 @@ void copyExtendedAttributes(int sourceFd, int targetFd, Problems& problems) {
     }
 }
 
-void copyOwner(int targetFd, const struct stat& source, MetadataPolicy policy, Problems& problems) {
-    struct stat target {};
-    if (::fstat(targetFd, &target) == 0 && target.st_uid == source.st_uid && target.st_gid == source.st_gid) {
+void copyOwner(int targetFd, const struct stat& source, const struct stat& target, MetadataPolicy policy,
+               Problems& problems) {
+    if (target.st_uid == source.st_uid && target.st_gid == source.st_gid) {
         return;  // already right: a user copying their own files
     }
     if (::fchown(targetFd, source.st_uid, source.st_gid) == 0) return;
@@ -105,10 +103,10 @@ void copyOwner(int targetFd, const struct stat& source, MetadataPolicy policy, P
 }  // namespace
 
 std::vector<std::string> copyFileMetadata(int sourceFd, int targetFd, const struct stat& source,
-                                          MetadataPolicy policy) {
+                                          const struct stat& target, MetadataPolicy policy) {
     Problems problems;
     if (policy != MetadataPolicy::basic) copyExtendedAttributes(sourceFd, targetFd, problems);
-    copyOwner(targetFd, source, policy, problems);
+    copyOwner(targetFd, source, target, policy, problems);
     if (::fchmod(targetFd, source.st_mode & 07777) != 0) problems.add("permissions");
     const struct timespec times[2] = {source.st_atim, source.st_mtim};
     if (::futimens(targetFd, times) != 0) problems.add("timestamps");

@@ -10,8 +10,9 @@
 namespace varnel {
 
 // Carries the metadata of the file open as `sourceFd` (whose fstat is `source`) over to
-// the file open for writing as `targetFd`, as `policy` asks, and names what could not
-// be carried over, in this order:
+// the file open for writing as `targetFd` (whose fstat is `target`; only its owner and
+// group are read), as `policy` asks, and names what could not be carried over, in this
+// order:
 //
 //   extended and strict only:
 //   "extended attributes"  every attribute flistxattr lists, except the ACL ones
@@ -28,6 +29,6 @@ namespace varnel {
 //
 // Each name appears at most once; nothing is thrown.
 std::vector<std::string> copyFileMetadata(int sourceFd, int targetFd, const struct stat& source,
-                                          MetadataPolicy policy);
+                                          const struct stat& target, MetadataPolicy policy);
 
 }  // namespace varnel

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "model/SyncOptions.hpp"
+#include "scan/FileSystemEntry.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -15,6 +16,10 @@ using CopyProgress = std::function<bool(std::int64_t increment)>;
 
 // Asked before each block of a long read; true stops it with OperationCancelled.
 using StopRequested = std::function<bool()>;
+
+// Given the entry of a copy's source as opened, before anything is written; throws to
+// refuse the copy.
+using SourceCheck = std::function<void(const FileSystemEntry& opened)>;
 
 // How FileSystemProviding::copyFile copies one file.
 struct CopyOptions {

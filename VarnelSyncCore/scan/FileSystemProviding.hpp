@@ -83,6 +83,16 @@ public:
     // Opens the folder for a scan. Throws POSIXFileError "opendir".
     virtual std::unique_ptr<OpenDirectory> openDirectory(const EndpointRoot& root, const RelativePath& path) = 0;
 
+    // --- A folder as a root of its own -----------------------------------------------
+    // Opens the folder at `path` beneath `root` (never through a link, like every other
+    // operation) and returns it as a root, so that several operations on the items inside
+    // it resolve nothing again: (folder, "name") is the item (root, path + "/name"), and
+    // it is shown with the same path in messages. The folder stays the one that was
+    // opened, even if it is renamed or replaced by a link afterwards. The root path
+    // returns `root` itself. Throws POSIXFileError "open" (ELOOP or ENOTDIR for a link or
+    // a file on the way or at `path`).
+    virtual EndpointRoot openFolder(const EndpointRoot& root, const RelativePath& path) = 0;
+
     // --- Create and remove -----------------------------------------------------------
     // Throws POSIXFileError "mkdir".
     virtual void makeDirectory(const EndpointRoot& root, const RelativePath& path, std::uint16_t mode = 0777) = 0;
@@ -121,6 +131,11 @@ public:
     // of a sparse source stay holes where the destination can keep them; with
     // options.allowClone the data may be cloned instead of copied.
     //
+    // `checkSource`, when given, is called once with the entry of the source as opened
+    // (read from its descriptor, so it describes the very file whose bytes are copied),
+    // before the staging file is created; an exception it throws ends the copy with
+    // nothing written and passes through unchanged.
+    //
     // `progress` is called before any data moves and after each block of at most
     // options.chunkBytes; when it returns false the copy stops with OperationCancelled.
     // Exceptions thrown by `progress` pass through unchanged.
@@ -132,7 +147,8 @@ public:
     // "lseek", "copy_file_range", "read", "write" or "ftruncate"; OperationCancelled.
     virtual CopyOutcome copyFile(const EndpointRoot& sourceRoot, const RelativePath& sourcePath,
                                  const EndpointRoot& stagingRoot, const RelativePath& stagingPath,
-                                 const CopyOptions& options, const CopyProgress& progress) = 0;
+                                 const CopyOptions& options, const CopyProgress& progress,
+                                 const SourceCheck& checkSource = {}) = 0;
 
     // The SHA-256 of a regular file's contents, read in blocks of 1 MiB through one
     // buffer, never following a final link. `stopRequested` (may be empty) is asked

@@ -19,6 +19,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -125,6 +126,30 @@ FileSystemEntry entryFromStatx(const struct statx& item, RelativePath path) {
     entry.inode = item.stx_ino;
     entry.hardLinkCount = item.stx_nlink;
     entry.isDataless = false;  // Linux has no online-only files
+    return entry;
+}
+
+FileTimestamp timestampOf(const timespec& value) {
+    return FileTimestamp{static_cast<std::int64_t>(value.tv_sec), static_cast<std::int64_t>(value.tv_nsec)};
+}
+
+// The entry of an open file, from its fstat: what a statx of its path gives, without the
+// birth time, which fstat does not report and no check of an open file needs.
+FileSystemEntry entryFromStat(const struct stat& item, RelativePath path) {
+    FileSystemEntry entry;
+    entry.relativePath = std::move(path);
+    entry.kind = entryKindFromMode(item.st_mode, entry.unsupportedReason);
+    entry.size = entry.kind == EntryKind::regularFile ? static_cast<std::int64_t>(item.st_size) : 0;
+    entry.allocatedBlocks = static_cast<std::int64_t>(item.st_blocks);
+    entry.modificationTime = timestampOf(item.st_mtim);
+    entry.changeTime = timestampOf(item.st_ctim);
+    entry.posixPermissions = static_cast<std::uint16_t>(item.st_mode & 07777);
+    entry.ownerUID = item.st_uid;
+    entry.ownerGID = item.st_gid;
+    entry.deviceID = item.st_dev;
+    entry.inode = item.st_ino;
+    entry.hardLinkCount = static_cast<std::uint32_t>(item.st_nlink);
+    entry.isDataless = false;
     return entry;
 }
 
@@ -269,6 +294,18 @@ constexpr std::size_t kHashBlockBytes = std::size_t{1} << 20;
 
 }  // namespace
 
+bool RealFileSystem::CloneRefusals::contains(std::uint64_t source, std::uint64_t target) const {
+    std::lock_guard lock(mutex_);
+    return std::find(pairs_.begin(), pairs_.end(), std::pair{source, target}) != pairs_.end();
+}
+
+void RealFileSystem::CloneRefusals::add(std::uint64_t source, std::uint64_t target) {
+    std::lock_guard lock(mutex_);
+    if (std::find(pairs_.begin(), pairs_.end(), std::pair{source, target}) == pairs_.end()) {
+        pairs_.emplace_back(source, target);
+    }
+}
+
 int RealFileSystem::rootDescriptor(const EndpointRoot& root) {
     const auto* handle = root.handleAs<RealRootHandle>();
     return handle != nullptr ? handle->fd() : -1;
@@ -369,6 +406,13 @@ std::unique_ptr<OpenDirectory> RealFileSystem::openDirectory(const EndpointRoot&
     return std::make_unique<RealOpenDirectory>(root, path, std::move(dir.value()));
 }
 
+EndpointRoot RealFileSystem::openFolder(const EndpointRoot& root, const RelativePath& path) {
+    if (path.isRoot()) return root;
+    auto fd = openDirectoryBeneath(rootFdFor(root, "open", path), path, DirectoryAccess::pathOnly);
+    if (!fd.ok()) fail(fd.error(), "open", root, path);
+    return EndpointRoot(displayPath(root, path), std::make_shared<RealRootHandle>(std::move(fd.value())));
+}
+
 void RealFileSystem::makeDirectory(const EndpointRoot& root, const RelativePath& path, std::uint16_t mode) {
     const auto location = locateOrThrow(root, path, "mkdir");
     if (::mkdirat(location.parentFd, location.name.c_str(), mode) != 0) fail(errno, "mkdir", root, path);
@@ -437,11 +481,13 @@ void RealFileSystem::setTimes(const EndpointRoot& root, const RelativePath& path
 
 CopyOutcome RealFileSystem::copyFile(const EndpointRoot& sourceRoot, const RelativePath& sourcePath,
                                      const EndpointRoot& stagingRoot, const RelativePath& stagingPath,
-                                     const CopyOptions& options, const CopyProgress& progress) {
+                                     const CopyOptions& options, const CopyProgress& progress,
+                                     const SourceCheck& checkSource) {
     const auto source = locateOrThrow(sourceRoot, sourcePath, "open");
     struct stat status {};
     auto input = openRegularFileForReading(source, status);
     if (!input.ok()) fail(input.error(), "open", sourceRoot, sourcePath);
+    if (checkSource) checkSource(entryFromStat(status, sourcePath));
 
     const auto staging = locateOrThrow(stagingRoot, stagingPath, "open");
     // Private until the source's permissions are applied at the very end.
@@ -452,18 +498,32 @@ CopyOutcome RealFileSystem::copyFile(const EndpointRoot& sourceRoot, const Relat
     if (created < 0) fail(errno, "open", stagingRoot, stagingPath);
     const UniqueFd output(created);
     testhooks::reached(testhooks::CommitStep::createStaging);
+    // The new file's device decides whether cloning is worth trying; its owner whether
+    // the source's must be set.
+    struct stat target {};
+    if (::fstat(output.get(), &target) != 0) fail(errno, "fstat", stagingRoot, stagingPath);
 
-    const auto data = copyFileData(input.value().get(), output.get(), status.st_size,
-                                   options.allowClone && allowCloning, options.chunkBytes, progress);
+    const auto sourceDevice = static_cast<std::uint64_t>(status.st_dev);
+    const auto targetDevice = static_cast<std::uint64_t>(target.st_dev);
+    const bool clone =
+        options.allowClone && allowCloning && !cloneRefusals_->contains(sourceDevice, targetDevice);
+    // A file with fewer bytes allocated than its length has holes (or is compressed);
+    // any other is copied as data throughout, without asking where its holes are.
+    const bool mayHaveHoles = std::int64_t{status.st_blocks} * 512 < std::int64_t{status.st_size};
+    const auto data = copyFileData(input.value().get(), output.get(), status.st_size, mayHaveHoles, clone,
+                                   options.chunkBytes, progress);
     if (const auto* failure = std::get_if<DataCopyFailure>(&data)) {
         if (failure->concernsSource) fail(failure->errnoValue, failure->operation, sourceRoot, sourcePath);
         fail(failure->errnoValue, failure->operation, stagingRoot, stagingPath);
     }
+    const auto& copied = std::get<DataCopied>(data);
+    if (copied.cloneUnsupported) cloneRefusals_->add(sourceDevice, targetDevice);
 
     CopyOutcome outcome;
     outcome.bytesWritten = status.st_size;
-    outcome.usedClone = std::get<DataCopied>(data).cloned;
-    outcome.metadataProblems = copyFileMetadata(input.value().get(), output.get(), status, options.metadataPolicy);
+    outcome.usedClone = copied.cloned;
+    outcome.metadataProblems =
+        copyFileMetadata(input.value().get(), output.get(), status, target, options.metadataPolicy);
     testhooks::reached(testhooks::CommitStep::metadata);
     return outcome;
 }

@@ -2,13 +2,20 @@
 
 #include "scan/FileSystemProviding.hpp"
 
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
 namespace varnel {
 
 // FileSystemProviding on the machine's own disks. Each root is opened once (an O_PATH
 // descriptor held by the root); every item inside is reached by opening its folder
 // beneath that descriptor without following links (see BeneathResolver) and acting on
 // the final name with the *at() calls, so a folder swapped for a link can never lead a
-// call outside the endpoint. Holds no mutable state; safe to share between threads.
+// call outside the endpoint. Its only state is which pairs of file systems refused to
+// clone (see copyFile); safe to share between threads.
 class RealFileSystem final : public FileSystemProviding {
 public:
     // Whether copies may share data blocks with their source (FICLONE) where the file
@@ -29,6 +36,8 @@ public:
 
     std::vector<std::string> listDirectory(const EndpointRoot& root, const RelativePath& path) override;
     std::unique_ptr<OpenDirectory> openDirectory(const EndpointRoot& root, const RelativePath& path) override;
+    // An O_PATH descriptor of the folder, opened like every folder beneath the root.
+    EndpointRoot openFolder(const EndpointRoot& root, const RelativePath& path) override;
 
     void makeDirectory(const EndpointRoot& root, const RelativePath& path, std::uint16_t mode = 0777) override;
     void makeSymbolicLink(const EndpointRoot& root, const RelativePath& path, const std::string& target) override;
@@ -47,10 +56,12 @@ public:
     // over the data regions with holes kept, else pread/pwrite; metadata as
     // platform/FileMetadataCopy.hpp describes. The source is opened O_NOFOLLOW and
     // O_NOATIME (without it where the caller does not own the file), the staging file
-    // O_CREAT | O_EXCL | O_NOFOLLOW with mode 0600.
+    // O_CREAT | O_EXCL | O_NOFOLLOW with mode 0600. Once FICLONE has refused a pair of
+    // file systems as a whole (no cloning there, or two file systems), copies between
+    // them no longer try it for as long as this object lives.
     CopyOutcome copyFile(const EndpointRoot& sourceRoot, const RelativePath& sourcePath,
                          const EndpointRoot& stagingRoot, const RelativePath& stagingPath, const CopyOptions& options,
-                         const CopyProgress& progress) override;
+                         const CopyProgress& progress, const SourceCheck& checkSource = {}) override;
     // With options.readFromDevice: fdatasync, then posix_fadvise(POSIX_FADV_DONTNEED),
     // then the reads, so they reach the device (Linux has no per-descriptor "no cache").
     Sha256Digest sha256(const EndpointRoot& root, const RelativePath& path, const HashOptions& options,
@@ -70,6 +81,19 @@ public:
     // The descriptor of a root this class opened, or -1 for a root from elsewhere. For
     // the copy engine, which opens files beneath it.
     static int rootDescriptor(const EndpointRoot& root);
+
+private:
+    // Pairs of devices (source, target) between which FICLONE cannot work.
+    class CloneRefusals {
+    public:
+        bool contains(std::uint64_t source, std::uint64_t target) const;
+        void add(std::uint64_t source, std::uint64_t target);
+
+    private:
+        mutable std::mutex mutex_;
+        std::vector<std::pair<std::uint64_t, std::uint64_t>> pairs_;
+    };
+    std::shared_ptr<CloneRefusals> cloneRefusals_ = std::make_shared<CloneRefusals>();
 };
 
 }  // namespace varnel

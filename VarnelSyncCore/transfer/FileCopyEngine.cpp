@@ -72,9 +72,14 @@ RenameMode renameModeFor(SyncActionType type) {
 }  // namespace
 
 FileCopyEngine::StagingLocation FileCopyEngine::stagingLocation(const RelativePath& destinationPath) const {
+    return stagingLocation(destinationRoot, destinationPath);
+}
+
+FileCopyEngine::StagingLocation FileCopyEngine::stagingLocation(const EndpointRoot& root,
+                                                                const RelativePath& destinationPath) const {
     const std::string name = PartialFileNaming::makeStagingName(destinationPath.lastComponent(), runID);
     if (stagingDirectory) return {*stagingDirectory, *RelativePath().appending(name)};
-    return {destinationRoot, *destinationPath.parent().appending(name)};
+    return {root, *destinationPath.parent().appending(name)};
 }
 
 std::string FileCopyEngine::checksum(const EndpointRoot& root, const RelativePath& path,
@@ -88,55 +93,80 @@ std::string FileCopyEngine::checksum(const EndpointRoot& root, const RelativePat
 
 namespace {
 
-// The engine's steps, each throwing the SyncError that ends the copy.
+// An item as a root and a path below it.
+struct ItemAt {
+    EndpointRoot root;
+    RelativePath path;
+};
+
+// The engine's steps, each throwing the SyncError that ends the copy. The item is
+// addressed through `source_` and `destination_`: the endpoint roots and the item's path
+// at first; for a file, the folders holding it, once opened (openFolders), and its name.
 class CopyRun {
 public:
-    CopyRun(const FileCopyEngine& engine, const RelativePath& path) : engine_(engine), path_(path) {}
+    CopyRun(const FileCopyEngine& engine, const RelativePath& path)
+        : engine_(engine),
+          path_(path),
+          source_{engine.sourceRoot, path},
+          destination_{engine.destinationRoot, path} {}
 
-    // Step 1: the source must still be the regular file of the plan's size.
-    FileSystemEntry recheckSource(const FileSystemEntry& planned) const {
-        FileSystemEntry current;
+    const ItemAt& source() const { return source_; }
+    const ItemAt& destination() const { return destination_; }
+
+    // Steps 1 and 2 begin here: the folders on both sides are opened once, never through
+    // a link, and the file's own operations act on its name inside them. A source folder
+    // that is gone means the file is; the destination's must be a real folder.
+    void openFolders() {
+        const RelativePath parent = path_.parent();
+        if (parent.isRoot()) return;
+        const RelativePath name = *RelativePath().appending(path_.lastComponent());
         try {
-            current = engine_.fileSystem->entry(engine_.sourceRoot, path_);
+            source_ = {engine_.fileSystem->openFolder(engine_.sourceRoot, parent), name};
         } catch (const POSIXFileError& error) {
             if (isGone(error.errnoValue())) throwChanged(path_, tr("The file no longer exists in the source."));
             throw SyncError(SyncError::CopyFailed{path_, error.errnoValue(), error.message()});
         }
-        if (current.kind != EntryKind::regularFile) {
-            throwChanged(path_, trFormat("It is now a {} rather than a file.", kindWord(current.kind)));
+        try {
+            destination_ = {engine_.fileSystem->openFolder(engine_.destinationRoot, parent), name};
+        } catch (const POSIXFileError& error) {
+            if (error.errnoValue() == ELOOP || error.errnoValue() == ENOTDIR) throwNotARealFolder();
+            throw SyncError(SyncError::CopyFailed{path_, error.errnoValue(), error.message()});
         }
-        if (current.size != planned.size) {
-            throwChanged(path_, trFormat("It was {} when the plan was created and is now {}. Run Analyze again to "
-                                         "include the new version.",
-                                         formatByteCount(planned.size), formatByteCount(current.size)));
-        }
-        return current;
     }
 
-    // After the copy, before anything is committed: the source must still be the very
-    // file the copy started from, untouched. A write moves the change time even when the
-    // size stays and the modification time is set back; a rename over the source or its
-    // removal changes the inode or takes the name away. Otherwise the staged bytes may mix
-    // two versions, and the old destination file stays.
+    // Step 1, on the file the copy opened: it must still be the regular file of the
+    // plan's size (the open itself refuses anything else).
+    void checkOpenedSource(const FileSystemEntry& opened, const FileSystemEntry& planned) const {
+        checkSize(planned, opened);
+    }
+
+    // Why the source could not be opened, looked up by its path: gone, or not a file any
+    // more. Returns when neither explains it.
+    void explainUnopenedSource(const FileSystemEntry& planned) const { (void)recheckSource(planned); }
+
+    // After the copy, before anything is committed: the source's path must still lead to
+    // the very file the copy opened, untouched. A write moves the change time even when
+    // the size stays and the modification time is set back; a rename over the source or
+    // its removal changes the inode or takes the name away. Otherwise the staged bytes may
+    // mix two versions, and the old destination file stays.
     void checkSourceUnchangedSince(const FileSystemEntry& before) const {
         const FileSystemEntry after = recheckSource(before);
+        const bool changeTimeMoved = after.changeTime && before.changeTime && after.changeTime != before.changeTime;
         if (after.deviceID != before.deviceID || after.inode != before.inode ||
-            after.modificationTime != before.modificationTime || after.changeTime != before.changeTime) {
+            after.modificationTime != before.modificationTime || changeTimeMoved) {
             throwChanged(path_, tr("It changed while it was being copied, so the copy was discarded. Run Analyze "
                                    "again to include the new version."));
         }
     }
 
-    // Step 2: the folder that will hold the item must be a real folder, not a link.
+    // Step 2 for a link: the folder that will hold it must be a real folder, not a link.
     void checkDestinationFolder() const {
-        const auto notReal = [&] {
-            throwChanged(path_, tr("The destination folder for this file is not a real folder (it is a symbolic link "
-                                   "or another file type). Nothing was written."));
-        };
         try {
-            if (!engine_.fileSystem->entry(engine_.destinationRoot, path_.parent()).isDirectory()) notReal();
+            if (!engine_.fileSystem->entry(destination_.root, destination_.path.parent()).isDirectory()) {
+                throwNotARealFolder();
+            }
         } catch (const POSIXFileError& error) {
-            if (error.errnoValue() == ELOOP || error.errnoValue() == ENOTDIR) notReal();
+            if (error.errnoValue() == ELOOP || error.errnoValue() == ENOTDIR) throwNotARealFolder();
             throw SyncError(SyncError::CopyFailed{path_, error.errnoValue(), error.message()});
         }
     }
@@ -154,7 +184,7 @@ public:
         std::string expected;
         std::string actual;
         try {
-            expected = engine_.checksum(engine_.sourceRoot, path_, isCancelled);
+            expected = engine_.checksum(source_.root, source_.path, isCancelled);
             actual = engine_.checksum(staging.root, staging.path, isCancelled, true);
         } catch (const POSIXFileError& error) {
             throw SyncError(SyncError::CopyFailed{
@@ -177,7 +207,7 @@ public:
     // Step 7: one rename into place.
     void commit(const FileCopyEngine::StagingLocation& staging, RenameMode mode) const {
         try {
-            engine_.fileSystem->rename(staging.root, staging.path, engine_.destinationRoot, path_, mode);
+            engine_.fileSystem->rename(staging.root, staging.path, destination_.root, destination_.path, mode);
         } catch (const POSIXFileError& error) {
             if (mode == RenameMode::noReplace && error.errnoValue() == EEXIST) {
                 throwChanged(path_, tr("A file appeared at this destination path after the plan was created. It was "
@@ -192,8 +222,8 @@ public:
     void finish(const FlushResult& fileFlush, FileResult& result) const {
         FlushResult folderFlush;
         try {
-            folderFlush =
-                engine_.flusher->flushDirectory(engine_.destinationRoot, path_.parent(), engine_.durabilityMode);
+            folderFlush = engine_.flusher->flushDirectory(destination_.root, destination_.path.parent(),
+                                                          engine_.durabilityMode);
         } catch (const DurabilityError& error) {
             result.durabilityWarning = error;
         }
@@ -204,44 +234,92 @@ public:
     }
 
 private:
+    // The source, looked up by its path, must still be a regular file of `expected`'s size.
+    FileSystemEntry recheckSource(const FileSystemEntry& expected) const {
+        FileSystemEntry current;
+        try {
+            current = engine_.fileSystem->entry(source_.root, source_.path);
+        } catch (const POSIXFileError& error) {
+            if (isGone(error.errnoValue())) throwChanged(path_, tr("The file no longer exists in the source."));
+            throw SyncError(SyncError::CopyFailed{path_, error.errnoValue(), error.message()});
+        }
+        if (current.kind != EntryKind::regularFile) {
+            throwChanged(path_, trFormat("It is now a {} rather than a file.", kindWord(current.kind)));
+        }
+        checkSize(expected, current);
+        return current;
+    }
+
+    void checkSize(const FileSystemEntry& expected, const FileSystemEntry& current) const {
+        if (current.size == expected.size) return;
+        throwChanged(path_, trFormat("It was {} when the plan was created and is now {}. Run Analyze again to "
+                                     "include the new version.",
+                                     formatByteCount(expected.size), formatByteCount(current.size)));
+    }
+
+    [[noreturn]] void throwNotARealFolder() const {
+        throwChanged(path_, tr("The destination folder for this file is not a real folder (it is a symbolic link or "
+                               "another file type). Nothing was written."));
+    }
+
     const FileCopyEngine& engine_;
     const RelativePath& path_;
+    ItemAt source_;
+    ItemAt destination_;
 };
 
 }  // namespace
 
 FileResult FileCopyEngine::copyFile(const SyncAction& action, const ProgressCallback& progress,
-                                    const CancellationCheck& isCancelled) const {
+                                    const CancellationCheck& isCancelled, const SourceCheck& sourceAsPlanned) const {
     const RelativePath& path = action.relativePath;
     if (!action.sourceEntry) {
         throw SyncError(SyncError::CopyFailed{path, EINVAL, tr("The plan entry carried no source information.")});
     }
     if (path.isRoot()) throw SyncError(SyncError::CopyFailed{path, EISDIR, systemErrorText(EISDIR)});
     throwIfCancelled(isCancelled);
+    const FileSystemEntry& planned = *action.sourceEntry;
 
-    const CopyRun run(*this, path);
-    const FileSystemEntry current = run.recheckSource(*action.sourceEntry);
-    run.checkDestinationFolder();
-
-    const StagingLocation staging = stagingLocation(path);
+    CopyRun run(*this, path);
+    run.openFolders();
+    const auto& source = run.source();
+    const StagingLocation staging = stagingLocation(run.destination().root, run.destination().path);
     StagingGuard guard(*fileSystem, staging);
+    // The source as opened for the copy, before any data moved: what the plan is compared
+    // with, and what the source must still be afterwards.
+    std::optional<FileSystemEntry> opened;
     CopyOutcome copied;
     try {
         // Online-only sources are never cloned: their blocks must really be fetched.
-        const CopyOptions options{metadataPolicy, !current.isDataless, copyChunkBytes};
-        copied = fileSystem->copyFile(sourceRoot, path, staging.root, staging.path, options,
-                                      [&](std::int64_t increment) {
-                                          if (isCancelled && isCancelled()) return false;
-                                          if (increment > 0 && progress) progress(increment);
-                                          return true;
-                                      });
+        const CopyOptions options{metadataPolicy, !planned.isDataless, copyChunkBytes};
+        copied = fileSystem->copyFile(
+            source.root, source.path, staging.root, staging.path, options,
+            [&](std::int64_t increment) {
+                if (isCancelled && isCancelled()) return false;
+                if (increment > 0 && progress) progress(increment);
+                return true;
+            },
+            [&](const FileSystemEntry& found) {
+                try {
+                    if (sourceAsPlanned) sourceAsPlanned(found);
+                    run.checkOpenedSource(found, planned);
+                } catch (...) {
+                    guard.disarm();  // refused before the staging file was made
+                    throw;
+                }
+                opened = found;
+            });
     } catch (const OperationCancelled&) {
         throw SyncError(SyncError::Cancelled{});
     } catch (const POSIXFileError& error) {
         // An item already at the fresh staging name is not ours to remove.
         if (error.errnoValue() == EEXIST && error.path() == displayPath(staging.root, staging.path)) guard.disarm();
-        // A source cut short or replaced during the copy is a change, not a broken copy.
-        if (error.path() == displayPath(sourceRoot, path)) run.checkSourceUnchangedSince(current);
+        if (error.path() == displayPath(source.root, source.path)) {
+            // A source cut short or replaced during the copy is a change, not a broken copy;
+            // one that could not be opened may be gone or no file any more.
+            if (opened) run.checkSourceUnchangedSince(*opened);
+            else run.explainUnopenedSource(planned);
+        }
         throw SyncError(SyncError::CopyFailed{path, error.errnoValue(), error.message()});
     }
 
@@ -255,7 +333,7 @@ FileResult FileCopyEngine::copyFile(const SyncAction& action, const ProgressCall
             run.verify(staging, isCancelled);
         } catch (const SyncError& error) {
             // A source written to after its copy hashes differently: that is the change.
-            if (error.is<SyncError::VerificationFailed>()) run.checkSourceUnchangedSince(current);
+            if (error.is<SyncError::VerificationFailed>()) run.checkSourceUnchangedSince(opened.value());
             throw;
         }
         result.verified = true;
@@ -264,7 +342,7 @@ FileResult FileCopyEngine::copyFile(const SyncAction& action, const ProgressCall
     const FlushResult fileFlush = run.flushStaged(staging, result.bytesWritten);
     testhooks::reached(testhooks::CommitStep::flushFile);
     throwIfCancelled(isCancelled);  // the last moment at which stopping leaves the destination as it was
-    run.checkSourceUnchangedSince(current);
+    run.checkSourceUnchangedSince(opened.value());
 
     run.commit(staging, renameModeFor(action.type));
     guard.disarm();

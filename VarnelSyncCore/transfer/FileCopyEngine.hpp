@@ -24,6 +24,12 @@ namespace varnel {
 // with one rename. Just before writing it checks again that the source and the
 // destination still look as they did when the plan was made.
 //
+// A file's source folder and destination folder are opened once, never through a link,
+// and everything done for the file acts on its name inside them (FileSystemProviding::
+// openFolder). The source is checked against the plan on the very file opened for the
+// copy, before anything is written; after the copy its path must still lead to that
+// file, unchanged.
+//
 // The order of a file's commit, which is also where faults are injected in tests:
 // create the staging file, copy the data, write the final block, copy the metadata,
 // verify, flush the file, rename into place, flush the folder. Every failure before
@@ -72,12 +78,16 @@ struct FileCopyEngine {
     // A fresh staging name for the destination file, made from its last component and
     // the run id, in the staging folder when there is one, else beside the file.
     StagingLocation stagingLocation(const RelativePath& destinationPath) const;
+    // The same for a destination file at `destinationPath` below `root` (its folder, say).
+    StagingLocation stagingLocation(const EndpointRoot& root, const RelativePath& destinationPath) const;
 
     // Copies the regular file of a copyNewFile or replaceChangedFile action. A new file
     // is committed by a rename that never replaces (an item that appeared at its path
     // meanwhile stays untouched); an update replaces the old file atomically.
+    // `sourceAsPlanned`, when given, is asked about the source as opened, before the
+    // engine's own check and before anything is written; what it throws passes through.
     FileResult copyFile(const SyncAction& action, const ProgressCallback& progress,
-                        const CancellationCheck& isCancelled) const;
+                        const CancellationCheck& isCancelled, const SourceCheck& sourceAsPlanned = {}) const;
 
     // Recreates the symbolic link of a createSymlink or replaceSymlink action with the
     // same target text, never following it, through a staging name and a rename that

@@ -40,6 +40,13 @@ std::uint64_t plannedSize(const SyncAction& action) {
     return action.expectedBytes > 0 ? static_cast<std::uint64_t>(action.expectedBytes) : 0;
 }
 
+bool isLink(SyncActionType type) {
+    return type == SyncActionType::createSymlink || type == SyncActionType::replaceSymlink;
+}
+
+// Thrown from the copy's source check when the file no longer matches the plan.
+struct SourceChangedAfterAnalysis {};
+
 }  // namespace
 
 // The state of one execution: the plan's roots, the accumulator and the stop flag.
@@ -162,9 +169,9 @@ private:
             fail(action, SyncError::CopyFailed{path, 0, tr("The plan entry carried no source information.")}, start);
             return;
         }
-        if (sourceChanged(action)) {
-            accumulator_.recordSkip(path, tr("The source changed after analysis."));
-            progress_.finishItem(path, ProgressAggregator::ItemOutcome::skipped, plannedSize(action));
+        // A file is compared with the plan by the copy itself, on the file it opened.
+        if (isLink(action.type) && sourceChanged(action)) {
+            skipChangedSource(path, plannedSize(action));
             return;
         }
         progress_.beginItem(path, plannedSize(action), operationLabel(action));
@@ -172,13 +179,17 @@ private:
         const auto isCancelled = [this] { return stopped(); };
         try {
             FileResult result;
-            if (action.type == SyncActionType::createSymlink || action.type == SyncActionType::replaceSymlink) {
+            if (isLink(action.type)) {
                 if (!action.sourceEntry->symlinkTarget) {
                     throw SyncError(SyncError::CopyFailed{path, 0, tr("The link target could not be read.")});
                 }
                 result = c_.copyEngine.writeSymbolicLink(action, isCancelled);
             } else {
-                result = c_.copyEngine.copyFile(action, [&](std::int64_t bytes) { sink.add(bytes); }, isCancelled);
+                const auto asPlanned = [&](const FileSystemEntry& opened) {
+                    if (!unchanged(opened, *action.sourceEntry)) throw SourceChangedAfterAnalysis{};
+                };
+                result = c_.copyEngine.copyFile(action, [&](std::int64_t bytes) { sink.add(bytes); }, isCancelled,
+                                                asPlanned);
             }
             sink.finish();
             accumulator_.recordSuccess(action, result.bytesWritten, result.verified, result.metadataProblems,
@@ -197,20 +208,32 @@ private:
                 return;
             }
             fail(action, error, start);
+        } catch (const SourceChangedAfterAnalysis&) {
+            sink.finish();
+            skipChangedSource(path);
         } catch (const POSIXFileError& error) {
             sink.finish();
             fail(action, SyncError::CopyFailed{path, error.errnoValue(), error.message()}, start);
         }
     }
 
+    bool unchanged(const FileSystemEntry& now, const FileSystemEntry& planned) const {
+        return std::holds_alternative<FileComparator::Unchanged>(c_.comparator.compare(now, planned));
+    }
+
     // Compares the source as it is now with the facts the plan was made from.
     bool sourceChanged(const SyncAction& action) const {
         try {
-            const FileSystemEntry now = c_.fileSystem->entry(c_.copyEngine.sourceRoot, action.relativePath);
-            return !std::holds_alternative<FileComparator::Unchanged>(c_.comparator.compare(now, *action.sourceEntry));
+            return !unchanged(c_.fileSystem->entry(c_.copyEngine.sourceRoot, action.relativePath), *action.sourceEntry);
         } catch (const POSIXFileError&) {
             return true;  // gone or unreadable: not what was planned
         }
+    }
+
+    // `plannedSize`: for an item that never began.
+    void skipChangedSource(const RelativePath& path, std::uint64_t plannedSize = 0) {
+        accumulator_.recordSkip(path, tr("The source changed after analysis."));
+        progress_.finishItem(path, ProgressAggregator::ItemOutcome::skipped, plannedSize);
     }
 
     void fail(const SyncAction& action, const SyncError& error, std::uint64_t start) {

@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <climits>
 
 namespace varnel {
@@ -61,6 +64,30 @@ TEST(UuidTest, ParsesEitherCaseAndPrintsUpperCase) {
         EXPECT_FALSE(Uuid::parse(bad)) << bad;
     }
     EXPECT_NE(Uuid::random(), Uuid::random());
+}
+
+TEST(UuidTest, RandomOnesAreVersionFourAndAForkedChildNeverRepeatsItsParent) {
+    const std::string text = Uuid::random().string();
+    EXPECT_EQ(text[14], '4') << text;
+    EXPECT_NE(std::string("89AB").find(text[19]), std::string::npos) << text;
+
+    // The child would hand out the parent's next identifier if it kept its random bytes.
+    int channel[2];
+    ASSERT_EQ(::pipe(channel), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const std::string made = Uuid::random().string();
+        ::_exit(::write(channel[1], made.data(), made.size()) == static_cast<ssize_t>(made.size()) ? 0 : 1);
+    }
+    const std::string parent = Uuid::random().string();
+    char made[36];
+    EXPECT_EQ(::read(channel[0], made, sizeof made), static_cast<ssize_t>(sizeof made));
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ::close(channel[0]);
+    ::close(channel[1]);
+    EXPECT_NE(std::string(made, sizeof made), parent);
 }
 
 TEST(UnicodeTest, NormalisesFoldsCaseAndTrims) {

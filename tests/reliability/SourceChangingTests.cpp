@@ -63,11 +63,11 @@ protected:
     }
 
     // Copies the planned update, running `change` after the `afterBlock`th block read
-    // (0: when the copy starts, after the engine's first check of the source).
+    // (0: when the copy starts, once the engine has opened and checked the source).
     SyncError copyChangingAt(int afterBlock, const std::function<void()>& change) {
         const SyncAction action = planned(SyncActionType::replaceChangedFile, "f.bin");
         int blocks = 0;
-        if (afterBlock == 0) fileSystem->atCall("copyFile", change);
+        if (afterBlock == 0) fileSystem->atCall("sourceOpened", change);
         return syncErrorOf([&] {
             copy(action, [&](std::int64_t) {
                 if (++blocks == afterBlock) change();
@@ -209,7 +209,7 @@ TEST(SourceChangingDuringARun, TheRunKeepsTheOldFileAndWarns) {
     const Uuid id = harness.addProfile(SyncMode::update, source, destination);
 
     auto outcome = harness.analyze(id);
-    fileSystem->atCall("copyFile", [&] {
+    fileSystem->atCall("sourceOpened", [&] {  // rewritten once the copy has opened it
         const timespec before = modificationTimeOf(source / "report.txt");
         hostile::writeAll(source / "report.txt", version('B', 100'000));
         setModificationTime(source / "report.txt", before);

@@ -111,6 +111,8 @@ TEST_P(FakeMatchesRealTest, FailuresCarryTheSameErrno) {
         {"list a link", ELOOP, [&] { fs.listDirectory(root, rel("abs")); }},
         {"list a file", ENOTDIR, [&] { fs.listDirectory(root, rel("file")); }},
         {"open a link for a scan", ELOOP, [&] { fs.openDirectory(root, rel("rel")); }},
+        {"open a link as a folder", ELOOP, [&] { fs.openFolder(root, rel("abs")); }},
+        {"open a file as a folder", ENOTDIR, [&] { fs.openFolder(root, rel("file")); }},
         {"mkdir through a link", ELOOP, [&] { fs.makeDirectory(root, rel("abs/new")); }},
         {"mkdir over a file", EEXIST, [&] { fs.makeDirectory(root, rel("own.txt")); }},
         {"mkdir over a dangling link", EEXIST, [&] { fs.makeDirectory(root, rel("dangling")); }},
@@ -141,6 +143,12 @@ TEST_P(FakeMatchesRealTest, FailuresCarryTheSameErrno) {
     // The replacing rename still works and nothing outside was touched.
     fs.rename(root, rel("own.txt"), root, rel("dir/inner.txt"), Mode::replace);
     EXPECT_FALSE(fs.exists(root, rel("own.txt")));
+    // A folder opened as a root stays that folder when a link to outside takes its name.
+    const auto dir = fs.openFolder(root, rel("dir"));
+    fs.rename(root, rel("dir"), root, rel("moved"), Mode::noReplace);
+    fs.makeSymbolicLink(root, rel("dir"), h.base() + "/outside");
+    EXPECT_EQ(fs.entry(dir, rel("inner.txt")).size, 4);
+    EXPECT_EQ(errnoOf([&] { fs.entry(dir, rel("victim")); }), ENOENT);
     const auto outside = fs.openRoot(h.base() + "/outside");
     EXPECT_EQ(fs.listDirectory(outside, RelativePath()), std::vector<std::string>{"victim"});
     EXPECT_EQ(fs.entry(outside, rel("victim")).size, 8);

@@ -290,6 +290,8 @@ TEST_F(MountedFileCopyTests, SameVolumeCopiesOnBtrfsAndXfsAreClones) {
     };
     int tested = 0;
     std::string skipped;
+    temporary.writeFile("disk/file", "on the test folder's disk");
+    const auto disk = fileSystem.openRoot((temporary / "disk").string());
     for (const auto& [name, mkfs] : kinds) {
         std::string whyNot;
         const auto folder = mounts.mountImage(name, mkfs, 320 << 20, whyNot);
@@ -306,6 +308,10 @@ TEST_F(MountedFileCopyTests, SameVolumeCopiesOnBtrfsAndXfsAreClones) {
         }
         const auto src = fileSystem.openRoot(folder + "/src");
         const auto dst = fileSystem.openRoot(folder + "/dst");
+        // Copies to and from another file system cannot clone; that must not stop the
+        // clones within this one.
+        EXPECT_FALSE(fileSystem.copyFile(src, rel("file"), disk, rel("." + name), {}, {}).usedClone) << name;
+        EXPECT_FALSE(fileSystem.copyFile(disk, rel("file"), dst, rel(".from-disk"), {}, {}).usedClone) << name;
 
         std::int64_t reported = 0;
         const auto cloned = fileSystem.copyFile(src, rel("file"), dst, rel(".cloned"), {}, [&](std::int64_t n) {

@@ -463,6 +463,14 @@ std::unique_ptr<OpenDirectory> FakeFileSystem::openDirectory(const EndpointRoot&
     return std::make_unique<OpenFakeDirectory>(*this, root, path, std::move(folder));
 }
 
+EndpointRoot FakeFileSystem::openFolder(const EndpointRoot& root, const RelativePath& path) {
+    std::lock_guard lock(mutex_);
+    if (path.isRoot()) return root;
+    const std::string shown = displayPath(root, path);
+    checkFault("open", shown);
+    return EndpointRoot(shown, std::make_shared<FakeRootHandle>(folderBeneath(root, path, "open")));
+}
+
 void FakeFileSystem::makeDirectory(const EndpointRoot& root, const RelativePath& path, std::uint16_t mode) {
     std::lock_guard lock(mutex_);
     checkFault("mkdir", displayPath(root, path));
@@ -578,15 +586,17 @@ void FakeFileSystem::setTimes(const EndpointRoot& root, const RelativePath& path
 
 CopyOutcome FakeFileSystem::copyFile(const EndpointRoot& sourceRoot, const RelativePath& sourcePath,
                                      const EndpointRoot& stagingRoot, const RelativePath& stagingPath,
-                                     const CopyOptions& options, const CopyProgress& progress) {
+                                     const CopyOptions& options, const CopyProgress& progress,
+                                     const SourceCheck& checkSource) {
     std::shared_ptr<Node> source;
     std::shared_ptr<Node> staged;
     std::string data;
     std::string stagingShown;
     bool clone = false;
+    FileSystemEntry opened;
+    const std::string sourceShown = displayPath(sourceRoot, sourcePath);
     {
         std::lock_guard lock(mutex_);
-        const std::string sourceShown = displayPath(sourceRoot, sourcePath);
         checkFault("open", sourceShown);
         const auto located = locate(sourceRoot, sourcePath, "open");
         if (!located.item) throw POSIXFileError(ENOENT, "open", sourceShown);
@@ -594,7 +604,12 @@ CopyOutcome FakeFileSystem::copyFile(const EndpointRoot& sourceRoot, const Relat
         if (located.item->kind == EntryKind::directory) throw POSIXFileError(EISDIR, "open", sourceShown);
         if (located.item->kind != EntryKind::regularFile) throw POSIXFileError(ENOTSUP, "open", sourceShown);
         source = located.item;
-
+        opened = entryOf(*source, sourcePath, sourceShown);
+    }
+    // Without the lock, like progress: the check may use this file system.
+    if (checkSource) checkSource(opened);
+    {
+        std::lock_guard lock(mutex_);
         stagingShown = displayPath(stagingRoot, stagingPath);
         checkFault("open", stagingShown);
         const auto target = locate(stagingRoot, stagingPath, "open");

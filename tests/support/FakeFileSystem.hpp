@@ -104,6 +104,7 @@ public:
     std::vector<std::string> extendedAttributeNames(const EndpointRoot& root, const RelativePath& path) override;
     std::vector<std::string> listDirectory(const EndpointRoot& root, const RelativePath& path) override;
     std::unique_ptr<OpenDirectory> openDirectory(const EndpointRoot& root, const RelativePath& path) override;
+    EndpointRoot openFolder(const EndpointRoot& root, const RelativePath& path) override;
     void makeDirectory(const EndpointRoot& root, const RelativePath& path, std::uint16_t mode = 0777) override;
     void makeSymbolicLink(const EndpointRoot& root, const RelativePath& path, const std::string& target) override;
     void removeFile(const EndpointRoot& root, const RelativePath& path) override;
@@ -116,7 +117,7 @@ public:
                   std::optional<FileTimestamp> access = std::nullopt) override;
     CopyOutcome copyFile(const EndpointRoot& sourceRoot, const RelativePath& sourcePath,
                          const EndpointRoot& stagingRoot, const RelativePath& stagingPath, const CopyOptions& options,
-                         const CopyProgress& progress) override;
+                         const CopyProgress& progress, const SourceCheck& checkSource = {}) override;
     Sha256Digest sha256(const EndpointRoot& root, const RelativePath& path, const HashOptions& options,
                         const StopRequested& stopRequested) override;
     bool existsAtPath(const std::string& absolutePath) override;

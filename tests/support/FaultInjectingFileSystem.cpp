@@ -20,7 +20,8 @@ std::string systemCallOf(const std::string& operation) {
         {"openRoot", "open"},         {"entry", "statx"},          {"exists", "access"},
         {"readLink", "readlink"},     {"extendedAttribute", "getxattr"},
         {"extendedAttributeNames", "listxattr"},                   {"listDirectory", "opendir"},
-        {"openDirectory", "opendir"}, {"makeDirectory", "mkdir"},  {"makeSymbolicLink", "symlink"},
+        {"openDirectory", "opendir"}, {"openFolder", "open"},      {"sourceOpened", "open"},
+        {"makeDirectory", "mkdir"},   {"makeSymbolicLink", "symlink"},
         {"removeFile", "unlink"},     {"removeDirectory", "rmdir"}, {"rename", "rename"},
         {"setPermissions", "chmod"},  {"setOwner", "lchown"},      {"setTimes", "utimensat"},
         {"copyFile", "open"},         {"sha256", "read"},          {"existsAtPath", "access"},
@@ -153,6 +154,11 @@ std::unique_ptr<OpenDirectory> FaultInjectingFileSystem::openDirectory(const End
     return inner_->openDirectory(root, path);
 }
 
+EndpointRoot FaultInjectingFileSystem::openFolder(const EndpointRoot& root, const RelativePath& path) {
+    enter("openFolder", displayPath(root, path));
+    return inner_->openFolder(root, path);
+}
+
 void FaultInjectingFileSystem::makeDirectory(const EndpointRoot& root, const RelativePath& path,
                                              std::uint16_t mode) {
     enter("makeDirectory", displayPath(root, path));
@@ -205,7 +211,8 @@ void FaultInjectingFileSystem::setTimes(const EndpointRoot& root, const Relative
 
 CopyOutcome FaultInjectingFileSystem::copyFile(const EndpointRoot& sourceRoot, const RelativePath& sourcePath,
                                                const EndpointRoot& stagingRoot, const RelativePath& stagingPath,
-                                               const CopyOptions& options, const CopyProgress& progress) {
+                                               const CopyOptions& options, const CopyProgress& progress,
+                                               const SourceCheck& checkSource) {
     enter("copyFile", displayPath(stagingRoot, stagingPath));
     std::optional<CopyFault> fault;
     std::vector<std::string> extraProblems;
@@ -232,7 +239,13 @@ CopyOutcome FaultInjectingFileSystem::copyFile(const EndpointRoot& sourceRoot, c
             return progress ? progress(increment) : true;
         };
     }
-    CopyOutcome outcome = inner_->copyFile(sourceRoot, sourcePath, stagingRoot, stagingPath, options, observed);
+    const std::string sourceShown = displayPath(sourceRoot, sourcePath);
+    const SourceCheck checked = [&](const FileSystemEntry& opened) {
+        if (checkSource) checkSource(opened);
+        enter("sourceOpened", sourceShown);
+    };
+    CopyOutcome outcome =
+        inner_->copyFile(sourceRoot, sourcePath, stagingRoot, stagingPath, options, observed, checked);
     if (shortWrite && ::truncate(stagingShown.c_str(), *shortWrite) != 0) {
         throw POSIXFileError(errno, "truncate", stagingShown);  // the test's own set-up failed
     }

@@ -27,7 +27,9 @@ namespace varnel::testing {
 //     fs->trackWrites(writes);                          // for UnflushedWrites::simulateCrash
 //
 // Operations are named after the interface's functions ("entry", "copyFile",
-// "sha256", "rename", "removeFile", ...). Calls are counted per operation from the
+// "sha256", "rename", "removeFile", "openFolder", ...), plus "sourceOpened": the moment
+// inside copyFile when the source is open and has passed the caller's check, before the
+// staging file exists and any data moves. Calls are counted per operation from the
 // moment a fault is set (occurrence 1 = the next call). An injected failure throws
 // POSIXFileError with the system call the real implementation would name ("rename",
 // "unlink", "open" for copyFile, "read" for sha256, ...) and the display path of the
@@ -70,6 +72,7 @@ public:
     std::vector<std::string> extendedAttributeNames(const EndpointRoot& root, const RelativePath& path) override;
     std::vector<std::string> listDirectory(const EndpointRoot& root, const RelativePath& path) override;
     std::unique_ptr<OpenDirectory> openDirectory(const EndpointRoot& root, const RelativePath& path) override;
+    EndpointRoot openFolder(const EndpointRoot& root, const RelativePath& path) override;
     void makeDirectory(const EndpointRoot& root, const RelativePath& path, std::uint16_t mode = 0777) override;
     void makeSymbolicLink(const EndpointRoot& root, const RelativePath& path, const std::string& target) override;
     void removeFile(const EndpointRoot& root, const RelativePath& path) override;
@@ -82,7 +85,7 @@ public:
                   std::optional<FileTimestamp> access = std::nullopt) override;
     CopyOutcome copyFile(const EndpointRoot& sourceRoot, const RelativePath& sourcePath,
                          const EndpointRoot& stagingRoot, const RelativePath& stagingPath, const CopyOptions& options,
-                         const CopyProgress& progress) override;
+                         const CopyProgress& progress, const SourceCheck& checkSource = {}) override;
     Sha256Digest sha256(const EndpointRoot& root, const RelativePath& path, const HashOptions& options,
                         const StopRequested& stopRequested) override;
     bool existsAtPath(const std::string& absolutePath) override;
