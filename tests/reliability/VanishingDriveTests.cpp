@@ -96,7 +96,9 @@ protected:
         return interrupted;
     }
 
-    void expectStoppedForTheDestination(const Interrupted& run) {
+    // When the vanished drive can itself answer EROFS (a shut-down ext4 turns read-only),
+    // that errno says nothing about the trap; its tree is still compared afterwards.
+    void expectStoppedForTheDestination(const Interrupted& run, bool driveMayAnswerEROFS = false) {
         ASSERT_GE(run.secondsAfterTrigger, 0) << "the run ended before the drive could vanish";
         ASSERT_TRUE(run.stopReason.has_value()) << "the run went on to the end:\n" << hostile::runMessages(run.result);
         EXPECT_EQ(run.stopReason->code(), "volume_disappeared") << run.stopReason->message();
@@ -107,8 +109,10 @@ protected:
         EXPECT_LT(run.secondsAfterTrigger, 10.0) << "the run did not stop within seconds";
         EXPECT_LT(run.result.filesCopied, kFiles);
         // A write that reached the read-only folder underneath fails with EROFS.
-        EXPECT_EQ(hostile::runMessages(run.result).find(std::strerror(EROFS)), std::string::npos)
-            << hostile::runMessages(run.result);
+        if (!driveMayAnswerEROFS) {
+            EXPECT_EQ(hostile::runMessages(run.result).find(std::strerror(EROFS)), std::string::npos)
+                << hostile::runMessages(run.result);
+        }
     }
 
     // With the drive gone from the mount point, the folder underneath is as it was.
@@ -166,7 +170,7 @@ TEST_P(ShutDownDrive, StopsTheRunWritesNothingUnderneathAndARerunCompletes) {
         ASSERT_EQ(::ioctl(fd, kShutdown, &flags), 0) << std::strerror(errno);
         ::close(fd);
     });
-    expectStoppedForTheDestination(run);
+    expectStoppedForTheDestination(run, type == "ext4");
 
     ASSERT_EQ(mounts.unmount(mountPoint()), "");
     expectTrapUntouched();
