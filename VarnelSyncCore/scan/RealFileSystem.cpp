@@ -129,10 +129,6 @@ FileSystemEntry entryFromStatx(const struct statx& item, RelativePath path) {
     return entry;
 }
 
-FileTimestamp timestampOf(const timespec& value) {
-    return FileTimestamp{static_cast<std::int64_t>(value.tv_sec), static_cast<std::int64_t>(value.tv_nsec)};
-}
-
 // The entry of an open file, from its fstat: what a statx of its path gives, without the
 // birth time, which fstat does not report and no check of an open file needs.
 FileSystemEntry entryFromStat(const struct stat& item, RelativePath path) {
@@ -141,8 +137,8 @@ FileSystemEntry entryFromStat(const struct stat& item, RelativePath path) {
     entry.kind = entryKindFromMode(item.st_mode, entry.unsupportedReason);
     entry.size = entry.kind == EntryKind::regularFile ? static_cast<std::int64_t>(item.st_size) : 0;
     entry.allocatedBlocks = static_cast<std::int64_t>(item.st_blocks);
-    entry.modificationTime = timestampOf(item.st_mtim);
-    entry.changeTime = timestampOf(item.st_ctim);
+    entry.modificationTime = FileTimestamp::fromTimespec(item.st_mtim);
+    entry.changeTime = FileTimestamp::fromTimespec(item.st_ctim);
     entry.posixPermissions = static_cast<std::uint16_t>(item.st_mode & 07777);
     entry.ownerUID = item.st_uid;
     entry.ownerGID = item.st_gid;

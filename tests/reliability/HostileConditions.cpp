@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <chrono>
 #include <cstring>
 #include <fstream>
@@ -367,6 +368,17 @@ std::string planMessages(const SyncPlan& plan) {
     std::string text;
     for (const auto& warning : plan.warnings) text += "plan warning: " + warning.message + "\n";
     return text;
+}
+
+std::string joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const auto& line : lines) text += "  " + line + "\n";
+    return text;
+}
+
+long environmentNumber(const char* name, long fallback) {
+    const char* value = std::getenv(name);
+    return value != nullptr && *value != '\0' ? std::strtol(value, nullptr, 10) : fallback;
 }
 
 }  // namespace varnel::hostile

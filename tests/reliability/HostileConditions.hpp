@@ -105,4 +105,9 @@ std::string runMessages(const SyncRunResult& result);
 // Every warning of a plan (the scans' and the planner's), one per line.
 std::string planMessages(const SyncPlan& plan);
 
+// A checker's problems, one indented line each, for a failure message.
+std::string joined(const std::vector<std::string>& lines);
+// A whole number from the environment (a seed, a trial count), or `fallback` when unset.
+long environmentNumber(const char* name, long fallback);
+
 }  // namespace varnel::hostile

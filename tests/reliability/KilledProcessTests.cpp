@@ -8,6 +8,7 @@
 //
 // VARNEL_TEST_SEED and VARNEL_KILL_TRIALS (default 200) change the random trials.
 
+#include "HostileConditions.hpp"
 #include "common/TestHooks.hpp"
 #include "support/CommandLineRunner.hpp"
 #include "support/GenerationTree.hpp"
@@ -31,16 +32,8 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-std::string joined(const std::vector<std::string>& lines) {
-    std::string text;
-    for (const auto& line : lines) text += "  " + line + "\n";
-    return text;
-}
-
-long environmentNumber(const char* name, long fallback) {
-    const char* value = std::getenv(name);
-    return value != nullptr && *value != '\0' ? std::strtol(value, nullptr, 10) : fallback;
-}
+using hostile::environmentNumber;
+using hostile::joined;
 
 // One work folder (a private tmpfs where mounts are allowed) holding both generations,
 // the source (generation 1 bound read-only where possible), the destination, its

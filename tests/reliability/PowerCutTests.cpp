@@ -15,6 +15,7 @@
 // VARNEL_TEST_SEED and VARNEL_POWER_CUT_TRIALS (default 26 per file system and mode)
 // change the trials.
 
+#include "HostileConditions.hpp"
 #include "common/TestHooks.hpp"
 #include "InjectedFaultFixture.hpp"
 #include "support/CommandLineRunner.hpp"
@@ -43,16 +44,8 @@ using Clock = std::chrono::steady_clock;
 #endif
 constexpr __u32 kShutdownWithoutLogFlush = 0x2;  // EXT4_GOING_FLAGS_NOLOGFLUSH, XFS_FSOP_GOING_FLAGS_NOLOGFLUSH
 
-std::string joined(const std::vector<std::string>& lines) {
-    std::string text;
-    for (const auto& line : lines) text += "  " + line + "\n";
-    return text;
-}
-
-long environmentNumber(const char* name, long fallback) {
-    const char* value = std::getenv(name);
-    return value != nullptr && *value != '\0' ? std::strtol(value, nullptr, 10) : fallback;
-}
+using hostile::environmentNumber;
+using hostile::joined;
 
 struct FileSystemKind {
     std::string name;
