@@ -144,7 +144,7 @@ SyncAction newFile(const FileCopyEngine& engine, const std::string& name) {
     SyncAction action;
     action.type = SyncActionType::copyNewFile;
     action.relativePath = *RelativePath::fromString(name);
-    action.sourceEntry = engine.fileSystem->entry(engine.sourceRoot, action.relativePath);
+    action.sourceEntry = SharedEntry(engine.fileSystem->entry(engine.sourceRoot, action.relativePath));
     return action;
 }
 

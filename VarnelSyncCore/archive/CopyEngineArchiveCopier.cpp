@@ -31,7 +31,7 @@ std::uint64_t CopyEngineArchiveCopier::copy(const EndpointRoot& destination, con
     SyncAction action;
     action.type = item.isSymbolicLink() ? SyncActionType::createSymlink : SyncActionType::copyNewFile;
     action.relativePath = item.relativePath;
-    action.sourceEntry = item;
+    action.sourceEntry = SharedEntry(item);
     action.expectedBytes = item.size;
     const auto isCancelled = [&stop] { return stop.stop_requested(); };
     if (item.isSymbolicLink()) {

@@ -4,11 +4,11 @@
 #include "plan/SyncActionReason.hpp"
 #include "plan/SyncActionType.hpp"
 #include "scan/FileSystemEntry.hpp"
+#include "scan/SharedEntry.hpp"
 
 #include <nlohmann/json_fwd.hpp>
 
 #include <cstdint>
-#include <optional>
 
 namespace varnel {
 
@@ -17,8 +17,8 @@ struct SyncAction {
     SyncActionType type = SyncActionType::warning;
     RelativePath relativePath;
     SyncActionReason reason;
-    std::optional<FileSystemEntry> sourceEntry;       // the scanned source item, when there is one
-    std::optional<FileSystemEntry> destinationEntry;  // the scanned destination item, when there is one
+    SharedEntry sourceEntry;       // the scanned source item, when there is one
+    SharedEntry destinationEntry;  // the scanned destination item, when there is one
     std::int64_t expectedBytes = 0;                   // what the action is expected to write
 
     friend bool operator==(const SyncAction&, const SyncAction&) = default;

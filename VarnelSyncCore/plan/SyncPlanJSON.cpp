@@ -127,8 +127,8 @@ void to_json(Json& json, const SyncAction& action) {
                 {"relativePath", action.relativePath},
                 {"reason", action.reason},
                 {"expectedBytes", action.expectedBytes}};
-    putOptional(json, "sourceEntry", action.sourceEntry);
-    putOptional(json, "destinationEntry", action.destinationEntry);
+    if (action.sourceEntry) json["sourceEntry"] = *action.sourceEntry;
+    if (action.destinationEntry) json["destinationEntry"] = *action.destinationEntry;
 }
 
 void from_json(const Json& json, SyncAction& action) {
@@ -138,8 +138,12 @@ void from_json(const Json& json, SyncAction& action) {
     action.type = *type;
     action.relativePath = json.at("relativePath").get<RelativePath>();
     action.reason = json.at("reason").get<SyncActionReason>();
-    action.sourceEntry = getOptional<FileSystemEntry>(json, "sourceEntry");
-    action.destinationEntry = getOptional<FileSystemEntry>(json, "destinationEntry");
+    const auto entryAt = [&](const char* key) {
+        auto entry = getOptional<FileSystemEntry>(json, key);
+        return entry ? SharedEntry(std::move(*entry)) : SharedEntry();
+    };
+    action.sourceEntry = entryAt("sourceEntry");
+    action.destinationEntry = entryAt("destinationEntry");
     action.expectedBytes = json.at("expectedBytes").get<std::int64_t>();
 }
 

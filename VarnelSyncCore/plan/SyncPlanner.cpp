@@ -40,9 +40,12 @@ private:
 
 using KeySet = std::unordered_set<std::string_view>;
 
-std::optional<FileSystemEntry> copyOf(const FileSystemEntry* entry) {
-    return entry ? std::optional<FileSystemEntry>(*entry) : std::nullopt;
-}
+// What planning knows about one key; one look-up per source item finds all of it.
+struct KeySlot {
+    const FileSystemEntry* destination = nullptr;
+    const RelativePath* firstSource = nullptr;  // the first source item planned under this key
+    bool matched = false;                       // the source still holds the destination item
+};
 
 std::string_view parentKey(std::string_view key) {
     const std::size_t slash = key.rfind('/');
@@ -64,31 +67,30 @@ class PlanBuilder {
 public:
     PlanBuilder(const SyncPlanner::Input& input, const FileComparator& comparator)
         : input_(input), comparator_(comparator), keys_(input.destinationCaseSensitive) {
-        destinationByKey_.reserve(input.destination.size());
-        matchedDestination_.reserve(input.destination.size());
+        slots_.reserve(std::max(input.destination.size(), input.source.size()));
         for (const auto& entry : input.destination.orderedEntries()) {
-            destinationByKey_.try_emplace(keys_.of(entry.relativePath), &entry);
+            slots_.try_emplace(keys_.of(entry.relativePath), KeySlot{&entry});
         }
     }
 
     void planSource(const std::stop_token& stop) {
-        std::unordered_map<std::string_view, const RelativePath*> firstSourceWithKey;
-        firstSourceWithKey.reserve(input_.source.size());
         for (const FileSystemEntry& entry : input_.source.orderedEntries()) {
             if (stop.stop_requested()) throw SyncError(SyncError::Cancelled{});
             const std::string_view key = keys_.of(entry.relativePath);
             if (!unplannedFolders_.empty() && unplannedFolders_.contains(parentKey(key))) {
                 if (entry.isDirectory()) unplannedFolders_.insert(key);
-                markMatched(key);  // never archive what the source still holds
+                // Never archive what the source still holds.
+                if (const auto found = slots_.find(key); found != slots_.end()) found->second.matched = true;
                 continue;
             }
-            const auto [first, isFirst] = firstSourceWithKey.try_emplace(key, &entry.relativePath);
-            if (!isFirst) {
-                planSourceCollision(entry, *first->second);
+            KeySlot& slot = slots_.try_emplace(key).first->second;
+            if (slot.firstSource) {
+                planSourceCollision(entry, *slot.firstSource);
                 if (entry.isDirectory()) unplannedFolders_.insert(key);
                 continue;
             }
-            planSourceEntry(entry, key);
+            slot.firstSource = &entry.relativePath;
+            planSourceEntry(entry, key, slot);
         }
     }
 
@@ -123,7 +125,7 @@ public:
         if (input_.mode != SyncMode::mirror) return;
         for (const FileSystemEntry& entry : input_.destination.orderedEntries()) {
             const std::string_view key = keys_.of(entry.relativePath);
-            if (matchedDestination_.contains(key)) continue;
+            if (const auto found = slots_.find(key); found != slots_.end() && found->second.matched) continue;
             // An exclusion protects the destination item too.
             if (isAtOrBelow(key, excludedKeys_)) continue;
             // What the source could not list cannot be judged missing.
@@ -156,7 +158,7 @@ public:
 private:
     void planSourceCollision(const FileSystemEntry& entry, const RelativePath& earlier) {
         emit(others_, SyncAction{SyncActionType::warning, entry.relativePath, Reason::CaseCollision{earlier.value()},
-                                 entry, std::nullopt, 0});
+                                 shared(entry), std::nullopt, 0});
         warnings_.emplace_back(Category::caseCollision,
                                trFormat("“{}” cannot be distinguished from another source item on the destination "
                                         "volume's naming rules. It was skipped so the two cannot overwrite each other.",
@@ -164,27 +166,26 @@ private:
                                entry.relativePath);
     }
 
-    void planSourceEntry(const FileSystemEntry& source, std::string_view key) {
+    void planSourceEntry(const FileSystemEntry& source, std::string_view key, KeySlot& slot) {
+        const FileSystemEntry* destination = slot.destination;
+        if (destination) slot.matched = true;
         if (source.kind == EntryKind::unsupported) {
-            markMatched(key);
             emit(others_, SyncAction{SyncActionType::skipUnsupportedItem, source.relativePath,
                                      Reason::UnsupportedFileType{source.unsupportedReason.value_or(
                                          UnsupportedReason::unknownType)},
-                                     source, copyOf(findDestination(key)), 0});
+                                     shared(source), shared(destination), 0});
             return;
         }
-        const FileSystemEntry* destination = findDestination(key);
         if (!destination) {
             planNewItem(source, Reason::NotPresentInDestination{});
             return;
         }
-        markMatched(key);
         const auto verdict = comparator_.compare(source, *destination);
         if (std::holds_alternative<FileComparator::Unchanged>(verdict)) {
             if (source.isDirectory()) return;  // nothing to do for a folder on both sides
             if (source.isRegularFile() && source.isDataless) ++summary_.onlineOnlyFilesUnchanged;
             emit(files_, SyncAction{SyncActionType::preserveUnchangedFile, source.relativePath,
-                                    Reason::IdenticalMetadata{}, source, *destination, 0});
+                                    Reason::IdenticalMetadata{}, shared(source), shared(destination), 0});
             return;
         }
         const Reason& reason = std::get<FileComparator::Changed>(verdict).reason;
@@ -193,10 +194,11 @@ private:
             return;
         }
         if (source.isSymbolicLink()) {
-            emit(files_, SyncAction{SyncActionType::replaceSymlink, source.relativePath, reason, source, *destination, 0});
+            emit(files_, SyncAction{SyncActionType::replaceSymlink, source.relativePath, reason, shared(source),
+                                    shared(destination), 0});
             return;
         }
-        if (skipsOnlineOnly(source)) return;
+        if (skipsOnlineOnly(source, destination)) return;
         if (reason.is<Reason::TimestampsDifferAmbiguously>()) {
             warnings_.emplace_back(Category::other,
                                    trFormat("The destination copy of “{}” is newer than the source. It will be "
@@ -205,24 +207,24 @@ private:
                                    source.relativePath);
         }
         countDownload(source);
-        emit(files_, SyncAction{SyncActionType::replaceChangedFile, source.relativePath, reason, source, *destination,
-                                source.size});
+        emit(files_, SyncAction{SyncActionType::replaceChangedFile, source.relativePath, reason, shared(source),
+                                shared(destination), source.size});
     }
 
     void planNewItem(const FileSystemEntry& source, const Reason& reason) {
         switch (source.kind) {
             case EntryKind::directory:
-                emit(creations_, SyncAction{SyncActionType::createDirectory, source.relativePath, reason, source,
-                                            std::nullopt, 0});
+                emit(creations_, SyncAction{SyncActionType::createDirectory, source.relativePath, reason,
+                                            shared(source), std::nullopt, 0});
                 break;
             case EntryKind::regularFile:
-                if (skipsOnlineOnly(source)) return;
+                if (skipsOnlineOnly(source, nullptr)) return;
                 countDownload(source);
-                emit(files_, SyncAction{SyncActionType::copyNewFile, source.relativePath, reason, source, std::nullopt,
-                                        source.size});
+                emit(files_, SyncAction{SyncActionType::copyNewFile, source.relativePath, reason, shared(source),
+                                        std::nullopt, source.size});
                 break;
             case EntryKind::symbolicLink:
-                emit(files_, SyncAction{SyncActionType::createSymlink, source.relativePath, reason, source,
+                emit(files_, SyncAction{SyncActionType::createSymlink, source.relativePath, reason, shared(source),
                                         std::nullopt, 0});
                 break;
             case EntryKind::unsupported:
@@ -238,7 +240,8 @@ private:
             planNewItem(source, change);
             return;
         }
-        emit(others_, SyncAction{SyncActionType::error, source.relativePath, change, source, destination, 0});
+        emit(others_, SyncAction{SyncActionType::error, source.relativePath, change, shared(source),
+                                 shared(&destination), 0});
         if (source.isDirectory()) {
             unplannedFolders_.insert(key);
             warnings_.emplace_back(Category::other,
@@ -251,10 +254,10 @@ private:
 
     // Under the skip policy an online-only source file is not read; its destination copy
     // stays as it is.
-    bool skipsOnlineOnly(const FileSystemEntry& source) {
+    bool skipsOnlineOnly(const FileSystemEntry& source, const FileSystemEntry* destination) {
         if (!source.isDataless || input_.onlineOnlyPolicy != OnlineOnlyPolicy::skip) return false;
         emit(files_, SyncAction{SyncActionType::skipOnlineOnlyFile, source.relativePath, Reason::OnlineOnlyInSource{},
-                                source, copyOf(findDestination(keys_.of(source.relativePath))), 0});
+                                shared(source), shared(destination), 0});
         return true;
     }
 
@@ -266,15 +269,14 @@ private:
 
     void archive(const FileSystemEntry& destination, const Reason& reason) {
         emit(archives_, SyncAction{SyncActionType::archiveDestinationItem, destination.relativePath, reason,
-                                   std::nullopt, destination, 0});
+                                   std::nullopt, shared(&destination), 0});
     }
 
-    const FileSystemEntry* findDestination(std::string_view key) const {
-        const auto found = destinationByKey_.find(key);
-        return found == destinationByKey_.end() ? nullptr : found->second;
+    // Actions point into the scans instead of copying their entries.
+    SharedEntry shared(const FileSystemEntry& source) const { return input_.source.share(source); }
+    SharedEntry shared(const FileSystemEntry* destination) const {
+        return destination ? input_.destination.share(*destination) : SharedEntry();
     }
-
-    void markMatched(std::string_view key) { matchedDestination_.insert(key); }
 
     // Adds the action to its list and counts it.
     void emit(std::vector<SyncAction>& list, SyncAction action) {
@@ -340,8 +342,7 @@ private:
     const FileComparator& comparator_;
     MatchKeys keys_;
 
-    std::unordered_map<std::string_view, const FileSystemEntry*> destinationByKey_;
-    KeySet matchedDestination_;
+    std::unordered_map<std::string_view, KeySlot> slots_;
     KeySet unplannedFolders_;
     KeySet excludedKeys_;
     KeySet unreadableSourceKeys_;
@@ -356,8 +357,9 @@ std::size_t depthOf(const SyncAction& action) {
     return value.empty() ? 0 : static_cast<std::size_t>(std::count(value.begin(), value.end(), '/')) + 1;
 }
 
-// Sorts by (depth, path text) without recounting components in every comparison.
-void sortByDepth(std::vector<SyncAction>& actions, bool deepestFirst) {
+// Moves the actions to the end of `into`, sorted by (depth, path text) without
+// recounting components in every comparison, and releases their list.
+void appendByDepth(std::vector<SyncAction>& actions, bool deepestFirst, std::vector<SyncAction>& into) {
     std::vector<std::pair<std::size_t, std::size_t>> order;  // (depth, index)
     order.reserve(actions.size());
     for (std::size_t i = 0; i < actions.size(); ++i) order.emplace_back(depthOf(actions[i]), i);
@@ -367,10 +369,8 @@ void sortByDepth(std::vector<SyncAction>& actions, bool deepestFirst) {
         const std::string& pathB = actions[b.second].relativePath.value();
         return deepestFirst ? pathA > pathB : pathA < pathB;
     });
-    std::vector<SyncAction> sorted;
-    sorted.reserve(actions.size());
-    for (const auto& [depth, index] : order) sorted.push_back(std::move(actions[index]));
-    actions = std::move(sorted);
+    for (const auto& [depth, index] : order) into.push_back(std::move(actions[index]));
+    std::vector<SyncAction>().swap(actions);
 }
 
 }  // namespace
@@ -378,16 +378,12 @@ void sortByDepth(std::vector<SyncAction>& actions, bool deepestFirst) {
 void sortActionsForExecution(std::vector<SyncAction>& creations, std::vector<SyncAction>& files,
                              std::vector<SyncAction>& archives, std::vector<SyncAction>& others,
                              std::vector<SyncAction>& into) {
-    sortByDepth(creations, false);
-    sortByDepth(files, false);
-    sortByDepth(archives, true);
-    sortByDepth(others, false);
     into.clear();
     into.reserve(creations.size() + files.size() + archives.size() + others.size());
-    for (auto* list : {&creations, &files, &archives, &others}) {
-        std::move(list->begin(), list->end(), std::back_inserter(into));
-        list->clear();
-    }
+    appendByDepth(creations, false, into);
+    appendByDepth(files, false, into);
+    appendByDepth(archives, true, into);
+    appendByDepth(others, false, into);
 }
 
 SyncPlan SyncPlanner::plan(const Input& input, std::stop_token stop) const {

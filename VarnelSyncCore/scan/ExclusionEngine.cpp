@@ -65,6 +65,7 @@ ExclusionEngine::ExclusionEngine(const std::vector<ExclusionRule>& rules, Hidden
         }
         // A later rule with the same normalised value replaces the earlier description.
         descriptionsByValue_.insert_or_assign(descriptionKey(rule.kind, value), description);
+        if (!rule.caseSensitive) needsFolding_ = true;
     }
 }
 
@@ -91,18 +92,26 @@ std::optional<ExclusionEngine::Match> ExclusionEngine::match(std::string_view pa
         return Match{tr("Hidden files are skipped by this profile")};
     }
 
+    if (descriptionsByValue_.empty()) return std::nullopt;  // no rules: the common case, kept cheap
+
+    // Name rules look at the last component only; normalise and fold no more than the
+    // rules look at, since this runs for every scanned item. ("/" composes with nothing
+    // and has no case, so a component's forms equal the same part of the path's forms.)
+    const bool wholePath = !exactPaths_.empty() || !exactPathsCaseSensitive_.empty() || !globs_.empty();
     std::string normalisedStorage;
-    std::string_view normalised = path;
-    if (!unicode::isNFC(path)) {
-        normalisedStorage = unicode::toNFC(path);
+    std::string_view normalised = wholePath ? path : lastComponent(path);
+    if (!unicode::isNFC(normalised)) {
+        normalisedStorage = unicode::toNFC(normalised);
         normalised = normalisedStorage;
     }
-    const std::string folded = unicode::toLower(normalised);
+    const std::string folded = needsFolding_ ? unicode::toLower(normalised) : std::string();
     const std::string_view name = lastComponent(normalised);
     const std::string_view foldedName = lastComponent(folded);
 
-    if (const auto hit = find(exactPathsCaseSensitive_, normalised, exactPaths_, folded)) {
-        return Match{describe(Kind::exactRelativePath, *hit)};
+    if (wholePath) {
+        if (const auto hit = find(exactPathsCaseSensitive_, normalised, exactPaths_, folded)) {
+            return Match{describe(Kind::exactRelativePath, *hit)};
+        }
     }
     if (isDirectory) {
         if (const auto hit = find(folderNamesCaseSensitive_, name, folderNames_, foldedName)) {

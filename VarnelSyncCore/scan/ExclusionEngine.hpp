@@ -63,6 +63,7 @@ private:
     // "<kind raw value>|<normalised value>" to the description of the rule as entered.
     std::unordered_map<std::string, std::string> descriptionsByValue_;
     HiddenFilePolicy hiddenPolicy_;
+    bool needsFolding_ = false;  // some rule ignores case
 };
 
 }  // namespace varnel

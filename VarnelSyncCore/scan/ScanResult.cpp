@@ -1,16 +1,17 @@
 #include "scan/ScanResult.hpp"
 
+#include <algorithm>
+
 namespace varnel {
 
 const FileSystemEntry& ScanResult::add(FileSystemEntry entry) {
-    const FileSystemEntry& stored = entries_.emplace_back(std::move(entry));
-    byKey_.emplace(std::string_view(stored.relativePath.canonicalValue()), &stored);
-    return stored;
+    return entries_->emplace_back(std::move(entry));
 }
 
 const FileSystemEntry* ScanResult::entry(const RelativePath& path) const {
-    const auto found = byKey_.find(std::string_view(path.canonicalValue()));
-    return found == byKey_.end() ? nullptr : found->second;
+    const auto found = std::find_if(entries_->begin(), entries_->end(),
+                                    [&](const FileSystemEntry& entry) { return entry.relativePath == path; });
+    return found == entries_->end() ? nullptr : &*found;
 }
 
 }  // namespace varnel

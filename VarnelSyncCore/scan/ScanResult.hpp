@@ -3,21 +3,21 @@
 #include "model/RelativePath.hpp"
 #include "plan/SyncWarning.hpp"
 #include "scan/FileSystemEntry.hpp"
+#include "scan/SharedEntry.hpp"
 #include "transfer/EndpointRole.hpp"
 
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace varnel {
 
 // Everything one scan of one endpoint found. Each entry is stored once, in discovery
-// order; the key index points into that storage (a deque never moves its elements), so
-// the result is move-only.
+// order, in storage that a plan's actions share (a deque never moves its elements), so
+// the entries outlive the result when a plan still points at them. Move-only.
 class ScanResult {
 public:
     struct ExcludedItem {
@@ -40,7 +40,7 @@ public:
         friend bool operator==(const CaseCollision&, const CaseCollision&) = default;
     };
 
-    ScanResult() = default;
+    ScanResult() : entries_(std::make_shared<std::deque<FileSystemEntry>>()) {}
     ScanResult(ScanResult&&) = default;
     ScanResult& operator=(ScanResult&&) = default;
     ScanResult(const ScanResult&) = delete;
@@ -49,10 +49,16 @@ public:
     // Records an included item. Returns it as stored.
     const FileSystemEntry& add(FileSystemEntry entry);
 
-    // The item at `path` (compared canonically), or nullptr.
+    // The item at `path` (compared canonically), or nullptr. Looks through every entry:
+    // the planner keeps its own index.
     const FileSystemEntry* entry(const RelativePath& path) const;
-    const std::deque<FileSystemEntry>& orderedEntries() const { return entries_; }
-    std::size_t size() const { return entries_.size(); }
+    const std::deque<FileSystemEntry>& orderedEntries() const { return *entries_; }
+    std::size_t size() const { return entries_->size(); }
+    // `stored`, which must be one of this result's entries, as a handle that keeps it
+    // alive without copying it.
+    SharedEntry share(const FileSystemEntry& stored) const {
+        return SharedEntry(std::shared_ptr<const FileSystemEntry>(entries_, &stored));
+    }
 
     std::vector<ExcludedItem> excluded;
     std::vector<SyncWarning> warnings;
@@ -64,9 +70,7 @@ public:
     std::vector<FileSystemEntry> stagingItems;
 
 private:
-    std::deque<FileSystemEntry> entries_;
-    // Keyed by each stored entry's canonical path text.
-    std::unordered_map<std::string_view, const FileSystemEntry*> byKey_;
+    std::shared_ptr<std::deque<FileSystemEntry>> entries_;
 };
 
 // A snapshot sent to the caller every so many items.

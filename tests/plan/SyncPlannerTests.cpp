@@ -336,7 +336,7 @@ TEST(SyncPlanJsonTest, RoundTripKeepsEverything) {
     entry.symlinkTarget = "../x";
     entry.creationTime = FileTimestamp{5, 6};
     plan.actions.push_back(SyncAction{SyncActionType::createSymlink, entry.relativePath,
-                                      SyncActionReason::NotPresentInDestination{}, entry, std::nullopt, 0});
+                                      SyncActionReason::NotPresentInDestination{}, SharedEntry(entry), std::nullopt, 0});
     plan.summary.filesToCopy = 3;
     plan.warnings.emplace_back(Category::hardLink, "msg");
     plan.sourceFreeBytes = 42;

@@ -173,8 +173,8 @@ TEST(CommitStepHookTests, KillsTheProcessRightAfterEachNamedStep) {
         SyncAction action;
         action.type = SyncActionType::replaceChangedFile;
         action.relativePath = *RelativePath::fromString("a.bin");
-        action.sourceEntry = fileSystem->entry(engine.sourceRoot, action.relativePath);
-        action.destinationEntry = fileSystem->entry(engine.destinationRoot, action.relativePath);
+        action.sourceEntry = SharedEntry(fileSystem->entry(engine.sourceRoot, action.relativePath));
+        action.destinationEntry = SharedEntry(fileSystem->entry(engine.destinationRoot, action.relativePath));
         action.expectedBytes = action.sourceEntry->size;
 
         ChildProcess child = ChildProcess::fork([&] {

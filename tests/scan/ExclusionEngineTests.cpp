@@ -169,9 +169,12 @@ TEST(ExclusionEngineTest, ComparesInNormalisationFormC) {
         {"a/b/" + decomposed + "-1.jpg", false, "Matches **/" + precomposed + "*.jpg"},
         {"a/b/cafe-1.jpg", false, std::nullopt},
     });
-    // Non-ASCII case folding for names.
+    // Non-ASCII case folding for names; with name rules alone only the name is
+    // normalised, so a decomposed name below a decomposed folder still matches.
     const ExclusionEngine folded({rule(Kind::folderName, "\u00c9T\u00c9")}, kHiddenIncluded);
-    expectProbes(folded, {{"\u00e9t\u00e9", true, "Folder named \u00c9T\u00c9"}});
+    expectProbes(folded, {{"\u00e9t\u00e9", true, "Folder named \u00c9T\u00c9"},
+                          {decomposed + "/e\u0301te\u0301", true, "Folder named \u00c9T\u00c9"},
+                          {decomposed + "/e\u0301te\u0301", false, std::nullopt}});
 }
 
 }  // namespace

@@ -53,7 +53,7 @@ protected:
         SyncAction action;
         action.type = type;
         action.relativePath = rel(path);
-        action.sourceEntry = fileSystem->entry(engine.sourceRoot, action.relativePath);
+        action.sourceEntry = SharedEntry(fileSystem->entry(engine.sourceRoot, action.relativePath));
         action.expectedBytes = action.sourceEntry->size;
         return action;
     }

@@ -275,7 +275,7 @@ protected:
         SyncAction action;
         action.type = SyncActionType::copyNewFile;
         action.relativePath = rel(path);
-        action.sourceEntry = fake->entry(engine.sourceRoot, action.relativePath);
+        action.sourceEntry = SharedEntry(fake->entry(engine.sourceRoot, action.relativePath));
         return action;
     }
 

@@ -18,7 +18,7 @@ SyncAction fileAction(const std::string& path, std::int64_t size) {
     FileSystemEntry entry;
     entry.relativePath = action.relativePath;
     entry.size = size;
-    action.sourceEntry = entry;
+    action.sourceEntry = SharedEntry(entry);
     action.expectedBytes = size;
     return action;
 }
