@@ -2,6 +2,7 @@
 
 #include "common/ByteCount.hpp"
 #include "common/CheckedArithmetic.hpp"
+#include "common/FlatKeyMap.hpp"
 #include "common/Localization.hpp"
 #include "common/Unicode.hpp"
 #include "transfer/SyncError.hpp"
@@ -9,7 +10,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <deque>
-#include <unordered_map>
+#include <limits>
+#include <stdexcept>
 #include <unordered_set>
 
 namespace varnel {
@@ -41,10 +43,12 @@ private:
 using KeySet = std::unordered_set<std::string_view>;
 
 // What planning knows about one key; one look-up per source item finds all of it.
+// Indices rather than pointers keep the index's buckets small.
 struct KeySlot {
-    const FileSystemEntry* destination = nullptr;
-    const RelativePath* firstSource = nullptr;  // the first source item planned under this key
-    bool matched = false;                       // the source still holds the destination item
+    static constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
+    std::uint32_t destination = kNone;  // the destination item's index in its scan
+    std::uint32_t firstSource = kNone;  // the index of the first source item planned under this key
+    bool matched = false;               // the source still holds the destination item
 };
 
 std::string_view parentKey(std::string_view key) {
@@ -66,30 +70,40 @@ bool isAtOrBelow(std::string_view key, const KeySet& folders) {
 class PlanBuilder {
 public:
     PlanBuilder(const SyncPlanner::Input& input, const FileComparator& comparator)
-        : input_(input), comparator_(comparator), keys_(input.destinationCaseSensitive) {
-        slots_.reserve(std::max(input.destination.size(), input.source.size()));
+        : input_(input),
+          comparator_(comparator),
+          keys_(input.destinationCaseSensitive),
+          slots_(std::max(input.destination.size(), input.source.size())) {
+        if (std::max(input.destination.size(), input.source.size()) >= KeySlot::kNone) {
+            throw std::length_error("More items than one plan can hold.");
+        }
+        std::uint32_t index = 0;
         for (const auto& entry : input.destination.orderedEntries()) {
-            slots_.try_emplace(keys_.of(entry.relativePath), KeySlot{&entry});
+            auto [slot, inserted] = slots_.tryEmplace(keys_.of(entry.relativePath));
+            if (inserted) slot.destination = index;
+            ++index;
         }
     }
 
     void planSource(const std::stop_token& stop) {
-        for (const FileSystemEntry& entry : input_.source.orderedEntries()) {
+        const auto& sources = input_.source.orderedEntries();
+        for (std::uint32_t index = 0; index < sources.size(); ++index) {
             if (stop.stop_requested()) throw SyncError(SyncError::Cancelled{});
+            const FileSystemEntry& entry = sources[index];
             const std::string_view key = keys_.of(entry.relativePath);
             if (!unplannedFolders_.empty() && unplannedFolders_.contains(parentKey(key))) {
                 if (entry.isDirectory()) unplannedFolders_.insert(key);
                 // Never archive what the source still holds.
-                if (const auto found = slots_.find(key); found != slots_.end()) found->second.matched = true;
+                if (KeySlot* found = slots_.find(key)) found->matched = true;
                 continue;
             }
-            KeySlot& slot = slots_.try_emplace(key).first->second;
-            if (slot.firstSource) {
-                planSourceCollision(entry, *slot.firstSource);
+            KeySlot& slot = slots_.tryEmplace(key).first;
+            if (slot.firstSource != KeySlot::kNone) {
+                planSourceCollision(entry, sources[slot.firstSource].relativePath);
                 if (entry.isDirectory()) unplannedFolders_.insert(key);
                 continue;
             }
-            slot.firstSource = &entry.relativePath;
+            slot.firstSource = index;
             planSourceEntry(entry, key, slot);
         }
     }
@@ -125,7 +139,7 @@ public:
         if (input_.mode != SyncMode::mirror) return;
         for (const FileSystemEntry& entry : input_.destination.orderedEntries()) {
             const std::string_view key = keys_.of(entry.relativePath);
-            if (const auto found = slots_.find(key); found != slots_.end() && found->second.matched) continue;
+            if (const KeySlot* found = slots_.find(key); found && found->matched) continue;
             // An exclusion protects the destination item too.
             if (isAtOrBelow(key, excludedKeys_)) continue;
             // What the source could not list cannot be judged missing.
@@ -167,8 +181,11 @@ private:
     }
 
     void planSourceEntry(const FileSystemEntry& source, std::string_view key, KeySlot& slot) {
-        const FileSystemEntry* destination = slot.destination;
-        if (destination) slot.matched = true;
+        const FileSystemEntry* destination = nullptr;
+        if (slot.destination != KeySlot::kNone) {
+            destination = &input_.destination.orderedEntries()[slot.destination];
+            slot.matched = true;
+        }
         if (source.kind == EntryKind::unsupported) {
             emit(others_, SyncAction{SyncActionType::skipUnsupportedItem, source.relativePath,
                                      Reason::UnsupportedFileType{source.unsupportedReason.value_or(
@@ -342,7 +359,7 @@ private:
     const FileComparator& comparator_;
     MatchKeys keys_;
 
-    std::unordered_map<std::string_view, KeySlot> slots_;
+    FlatKeyMap<KeySlot> slots_;
     KeySet unplannedFolders_;
     KeySet excludedKeys_;
     KeySet unreadableSourceKeys_;

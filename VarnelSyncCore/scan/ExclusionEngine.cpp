@@ -66,7 +66,24 @@ ExclusionEngine::ExclusionEngine(const std::vector<ExclusionRule>& rules, Hidden
         // A later rule with the same normalised value replaces the earlier description.
         descriptionsByValue_.insert_or_assign(descriptionKey(rule.kind, value), description);
         if (!rule.caseSensitive) needsFolding_ = true;
+        noteFirstByte(rule.kind, value, rule.caseSensitive);
     }
+}
+
+void ExclusionEngine::noteFirstByte(Kind kind, std::string_view value, bool caseSensitive) {
+    if (kind != Kind::folderName && kind != Kind::fileName) {
+        nameRulesOnly_ = false;
+        return;
+    }
+    const auto first = static_cast<unsigned char>(value.front());
+    if (first >= 0x80) {
+        nameRulesOnly_ = false;  // a non-ASCII start can be spelled in too many ways to filter on
+        return;
+    }
+    nameRuleFirstBytes_.set(first);
+    // A name that folds to this byte starts with it, its upper case, or a non-ASCII
+    // character (KELVIN SIGN folds to "k"), which the filter always lets through.
+    if (!caseSensitive && first >= 'a' && first <= 'z') nameRuleFirstBytes_.set(first - 'a' + 'A');
 }
 
 std::optional<std::string_view> ExclusionEngine::find(const TextSet& caseSensitive, std::string_view value,
@@ -93,6 +110,13 @@ std::optional<ExclusionEngine::Match> ExclusionEngine::match(std::string_view pa
     }
 
     if (descriptionsByValue_.empty()) return std::nullopt;  // no rules: the common case, kept cheap
+    if (nameRulesOnly_) {
+        // Most names cannot match any name rule, and their first byte says so. Composing
+        // and folding keep an ASCII first character, so only that case is settled here.
+        const std::string_view name = lastComponent(path);
+        const auto first = name.empty() ? 0x80 : static_cast<unsigned char>(name.front());
+        if (first < 0x80 && !nameRuleFirstBytes_.test(first)) return std::nullopt;
+    }
 
     // Name rules look at the last component only; normalise and fold no more than the
     // rules look at, since this runs for every scanned item. ("/" composes with nothing

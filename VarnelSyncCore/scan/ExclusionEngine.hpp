@@ -4,6 +4,7 @@
 #include "model/SyncOptions.hpp"
 #include "scan/GlobMatcher.hpp"
 
+#include <bitset>
 #include <cstddef>
 #include <functional>
 #include <optional>
@@ -47,6 +48,7 @@ private:
     };
 
     std::string describe(ExclusionRule::Kind kind, std::string_view normalisedValue) const;
+    void noteFirstByte(ExclusionRule::Kind kind, std::string_view value, bool caseSensitive);
     // The value in the case-sensitive set as is, else lower-cased in the plain set.
     static std::optional<std::string_view> find(const TextSet& caseSensitive, std::string_view value,
                                                 const TextSet& folded, std::string_view foldedValue);
@@ -64,6 +66,10 @@ private:
     std::unordered_map<std::string, std::string> descriptionsByValue_;
     HiddenFilePolicy hiddenPolicy_;
     bool needsFolding_ = false;  // some rule ignores case
+    // Set while every rule is a folder or file name starting with an ASCII character: the
+    // first bytes a matching name can start with.
+    bool nameRulesOnly_ = true;
+    std::bitset<128> nameRuleFirstBytes_;
 };
 
 }  // namespace varnel

@@ -177,6 +177,26 @@ TEST(ExclusionEngineTest, ComparesInNormalisationFormC) {
                           {decomposed + "/e\u0301te\u0301", false, std::nullopt}});
 }
 
+TEST(ExclusionEngineTest, NameRulesMatchWhateverSpellingTheFirstCharacterHas) {
+    // With name rules alone most names are settled by their first byte; every spelling
+    // that folds or composes to a rule's first character must still match.
+    const ExclusionEngine ascii({rule(Kind::folderName, "kelvin"), rule(Kind::fileName, "Exact", true)},
+                                kHiddenIncluded);
+    expectProbes(ascii, {
+        {"a/KELVIN", true, "Folder named kelvin"},
+        {"a/\u212aelvin", true, "Folder named kelvin"},  // KELVIN SIGN folds to "k"
+        {"a/jelvin", true, std::nullopt},
+        {"a/Exact", false, "File named Exact"},
+        {"a/exact", false, std::nullopt},
+    });
+    const ExclusionEngine accented({rule(Kind::fileName, "\u00e9t\u00e9")}, kHiddenIncluded);
+    expectProbes(accented, {
+        {"a/e\u0301te\u0301", false, "File named \u00e9t\u00e9"},
+        {"a/\u00c9T\u00c9", false, "File named \u00e9t\u00e9"},
+        {"a/ete", false, std::nullopt},
+    });
+}
+
 }  // namespace
 
 }  // namespace varnel::testing
