@@ -369,24 +369,27 @@ private:
     SyncPlanSummary summary_;
 };
 
-std::size_t depthOf(const SyncAction& action) {
-    const std::string& value = action.relativePath.value();
-    return value.empty() ? 0 : static_cast<std::size_t>(std::count(value.begin(), value.end(), '/')) + 1;
-}
-
-// Moves the actions to the end of `into`, sorted by (depth, path text) without
-// recounting components in every comparison, and releases their list.
-void appendByDepth(std::vector<SyncAction>& actions, bool deepestFirst, std::vector<SyncAction>& into) {
-    std::vector<std::pair<std::size_t, std::size_t>> order;  // (depth, index)
-    order.reserve(actions.size());
-    for (std::size_t i = 0; i < actions.size(); ++i) order.emplace_back(depthOf(actions[i]), i);
-    std::sort(order.begin(), order.end(), [&](const auto& a, const auto& b) {
-        if (a.first != b.first) return deepestFirst ? a.first > b.first : a.first < b.first;
-        const std::string& pathA = actions[a.second].relativePath.value();
-        const std::string& pathB = actions[b.second].relativePath.value();
-        return deepestFirst ? pathA > pathB : pathA < pathB;
+// Moves the actions to the end of `into` sorted by (depth, path text), or for
+// deepest-first by the exact reverse of that, and releases their list. The sort keys sit
+// side by side, so a comparison reads no action.
+void appendInOrder(std::vector<SyncAction>& actions, bool deepestFirst, std::vector<SyncAction>& into) {
+    struct Key {
+        std::size_t depth = 0;
+        std::string_view path;
+        std::size_t index = 0;
+    };
+    std::vector<Key> keys;
+    keys.reserve(actions.size());
+    for (std::size_t i = 0; i < actions.size(); ++i) {
+        const std::string_view path = actions[i].relativePath.value();
+        const auto depth = path.empty() ? 0 : static_cast<std::size_t>(std::count(path.begin(), path.end(), '/')) + 1;
+        keys.push_back(Key{depth, path, i});
+    }
+    std::sort(keys.begin(), keys.end(), [](const Key& a, const Key& b) {
+        return a.depth != b.depth ? a.depth < b.depth : a.path < b.path;
     });
-    for (const auto& [depth, index] : order) into.push_back(std::move(actions[index]));
+    if (deepestFirst) std::reverse(keys.begin(), keys.end());
+    for (const Key& key : keys) into.push_back(std::move(actions[key.index]));
     std::vector<SyncAction>().swap(actions);
 }
 
@@ -397,10 +400,10 @@ void sortActionsForExecution(std::vector<SyncAction>& creations, std::vector<Syn
                              std::vector<SyncAction>& into) {
     into.clear();
     into.reserve(creations.size() + files.size() + archives.size() + others.size());
-    appendByDepth(creations, false, into);
-    appendByDepth(files, false, into);
-    appendByDepth(archives, true, into);
-    appendByDepth(others, false, into);
+    appendInOrder(creations, false, into);
+    appendInOrder(files, false, into);
+    appendInOrder(archives, true, into);
+    appendInOrder(others, false, into);
 }
 
 SyncPlan SyncPlanner::plan(const Input& input, std::stop_token stop) const {

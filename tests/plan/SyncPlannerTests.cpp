@@ -13,8 +13,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <random>
 #include <sched.h>
 
 namespace varnel {
@@ -289,6 +291,48 @@ TEST(ActionOrderTest, ShallowFirstListsAndDeepestFirstArchives) {
                        "archiveDestinationItem a/b/c", "archiveDestinationItem c/d", "archiveDestinationItem a/b",
                        "archiveDestinationItem b", "archiveDestinationItem a",
                        "excludeItem x", "excludeItem y/z"}));
+}
+
+TEST(ActionOrderTest, AgreesWithSortingWholePathsWhateverTheInputOrder) {
+    // Names chosen so that "/" sorts between them ("a b" < "a-b" < "a.b" < "a/..." < "a0"),
+    // plus bytes above ASCII; folders come in scattered runs.
+    const Strings names{"a", "a b", "a-b", "a.b", "a0", "ab", "b", "Z", "\u00e9", "e"};
+    std::mt19937 random(20261122);
+    Strings paths;
+    for (int i = 0; i < 3000; ++i) {
+        std::string path;
+        const int depth = 1 + static_cast<int>(random() % 4);
+        for (int d = 0; d < depth; ++d) path += (d ? "/" : "") + names[random() % names.size()];
+        paths.push_back(path);
+    }
+    std::sort(paths.begin(), paths.end());
+    paths.erase(std::unique(paths.begin(), paths.end()), paths.end());
+    std::shuffle(paths.begin(), paths.end(), random);
+    // Keep some runs of one folder together, as a scan delivers them.
+    std::stable_sort(paths.begin(), paths.begin() + static_cast<std::ptrdiff_t>(paths.size() / 2),
+                     [](const std::string& a, const std::string& b) {
+                         return RelativePath::fromString(a)->parent() < RelativePath::fromString(b)->parent();
+                     });
+
+    const auto depthOf = [](const std::string& path) { return std::count(path.begin(), path.end(), '/'); };
+    Strings expected = paths;
+    std::sort(expected.begin(), expected.end(), [&](const std::string& a, const std::string& b) {
+        return depthOf(a) != depthOf(b) ? depthOf(a) < depthOf(b) : a < b;
+    });
+    std::vector<SyncAction> files, archives, none1, none2;
+    for (const auto& path : paths) {
+        files.push_back(SyncAction{SyncActionType::copyNewFile, *RelativePath::fromString(path), {}, {}, {}, 0});
+        archives.push_back(
+            SyncAction{SyncActionType::archiveDestinationItem, *RelativePath::fromString(path), {}, {}, {}, 0});
+    }
+    std::vector<SyncAction> sorted;
+    sortActionsForExecution(none1, files, archives, none2, sorted);
+    ASSERT_EQ(sorted.size(), 2 * expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        ASSERT_EQ(sorted[i].relativePath.value(), expected[i]) << "shallow-first, position " << i;
+        ASSERT_EQ(sorted[expected.size() + i].relativePath.value(), expected[expected.size() - 1 - i])
+            << "deepest-first, position " << i;
+    }
 }
 
 TEST(CloudNoteTest, LinesAppearOnlyWhenTheyApply) {
