@@ -77,6 +77,9 @@ public:
         if (std::max(input.destination.size(), input.source.size()) >= KeySlot::kNone) {
             throw std::length_error("More items than one plan can hold.");
         }
+        // Room for every source item and exclusion, so that the file list can become the
+        // whole plan in place (see sortActionsForExecution).
+        files_.reserve(input.source.size() + input.source.excluded.size() + input.destination.excluded.size());
         std::uint32_t index = 0;
         for (const auto& entry : input.destination.orderedEntries()) {
             auto [slot, inserted] = slots_.tryEmplace(keys_.of(entry.relativePath));
@@ -369,10 +372,10 @@ private:
     SyncPlanSummary summary_;
 };
 
-// Moves the actions to the end of `into` sorted by (depth, path text), or for
-// deepest-first by the exact reverse of that, and releases their list. The sort keys sit
-// side by side, so a comparison reads no action.
-void appendInOrder(std::vector<SyncAction>& actions, bool deepestFirst, std::vector<SyncAction>& into) {
+// Sorts the list in place by (depth, path text), or for deepest-first by the exact
+// reverse of that. The sort keys sit side by side, so a comparison reads no action, and
+// each action then moves once, along the cycles of the permutation.
+void sortInPlace(std::vector<SyncAction>& actions, bool deepestFirst) {
     struct Key {
         std::size_t depth = 0;
         std::string_view path;
@@ -389,8 +392,24 @@ void appendInOrder(std::vector<SyncAction>& actions, bool deepestFirst, std::vec
         return a.depth != b.depth ? a.depth < b.depth : a.path < b.path;
     });
     if (deepestFirst) std::reverse(keys.begin(), keys.end());
-    for (const Key& key : keys) into.push_back(std::move(actions[key.index]));
-    std::vector<SyncAction>().swap(actions);
+
+    std::vector<bool> placed(actions.size());
+    for (std::size_t start = 0; start < actions.size(); ++start) {
+        if (placed[start]) continue;
+        SyncAction held = std::move(actions[start]);
+        std::size_t at = start;
+        for (; keys[at].index != start; at = keys[at].index) {
+            actions[at] = std::move(actions[keys[at].index]);
+            placed[at] = true;
+        }
+        actions[at] = std::move(held);
+        placed[at] = true;
+    }
+}
+
+void appendMoving(std::vector<SyncAction>& into, std::vector<SyncAction>& list) {
+    into.insert(into.end(), std::make_move_iterator(list.begin()), std::make_move_iterator(list.end()));
+    list.clear();
 }
 
 }  // namespace
@@ -398,12 +417,18 @@ void appendInOrder(std::vector<SyncAction>& actions, bool deepestFirst, std::vec
 void sortActionsForExecution(std::vector<SyncAction>& creations, std::vector<SyncAction>& files,
                              std::vector<SyncAction>& archives, std::vector<SyncAction>& others,
                              std::vector<SyncAction>& into) {
-    into.clear();
-    into.reserve(creations.size() + files.size() + archives.size() + others.size());
-    appendInOrder(creations, false, into);
-    appendInOrder(files, false, into);
-    appendInOrder(archives, true, into);
-    appendInOrder(others, false, into);
+    sortInPlace(creations, false);
+    sortInPlace(files, false);
+    sortInPlace(archives, true);
+    sortInPlace(others, false);
+    // The file and link list is usually by far the longest: it becomes the result where
+    // it lies, and the others move around it, so no second copy of it is ever made.
+    into = std::move(files);
+    files.clear();
+    into.insert(into.begin(), std::make_move_iterator(creations.begin()), std::make_move_iterator(creations.end()));
+    creations.clear();
+    appendMoving(into, archives);
+    appendMoving(into, others);
 }
 
 SyncPlan SyncPlanner::plan(const Input& input, std::stop_token stop) const {
