@@ -79,7 +79,7 @@ std::optional<RelativePath> RelativePath::appending(std::string_view name) const
     // "/" never combines with a neighbour, so the canonical form can be built per part.
     std::string canonical;
     std::string nameCanonical = canonicalFormOf(name);
-    if (!canonical_.empty() || !nameCanonical.empty()) {
+    if (canonical_ || !nameCanonical.empty()) {
         if (!isRoot()) {
             canonical += canonicalValue();
             canonical += '/';

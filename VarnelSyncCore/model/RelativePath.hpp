@@ -4,6 +4,7 @@
 
 #include <compare>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,6 +21,15 @@ namespace varnel {
 class RelativePath {
 public:
     RelativePath() = default;  // the root
+    RelativePath(const RelativePath& other)
+        : value_(other.value_), canonical_(other.canonical_ ? std::make_unique<std::string>(*other.canonical_) : nullptr) {}
+    RelativePath(RelativePath&&) noexcept = default;
+    RelativePath& operator=(const RelativePath& other) {
+        if (this != &other) *this = RelativePath(other);
+        return *this;
+    }
+    RelativePath& operator=(RelativePath&&) noexcept = default;
+    ~RelativePath() = default;
 
     static std::optional<RelativePath> fromString(std::string_view value);
     static std::optional<RelativePath> fromComponents(const std::vector<std::string>& components);
@@ -42,7 +52,7 @@ public:
     bool isAncestorOf(const RelativePath& other) const;
 
     // The NFC form that comparisons use.
-    const std::string& canonicalValue() const { return canonical_.empty() ? value_ : canonical_; }
+    const std::string& canonicalValue() const { return canonical_ ? *canonical_ : value_; }
 
     friend bool operator==(const RelativePath& a, const RelativePath& b) {
         return a.canonicalValue() == b.canonicalValue();
@@ -54,12 +64,15 @@ public:
 
 private:
     RelativePath(std::string value, std::string canonical)
-        : value_(std::move(value)), canonical_(std::move(canonical)) {}
+        : value_(std::move(value)),
+          canonical_(canonical.empty() ? nullptr : std::make_unique<std::string>(std::move(canonical))) {}
     static std::string canonicalFormOf(std::string_view value);
     static std::string canonicalFormOfPath(std::string_view value);
 
     std::string value_;
-    std::string canonical_;  // empty when value_ is already canonical
+    // Absent when value_ is already canonical, as nearly every name is; a pointer keeps
+    // the millions of paths a scan holds small.
+    std::unique_ptr<std::string> canonical_;
 };
 
 void to_json(nlohmann::json& json, const RelativePath& path);

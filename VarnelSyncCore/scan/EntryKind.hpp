@@ -1,15 +1,16 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace varnel {
 
-enum class EntryKind { directory, regularFile, symbolicLink, unsupported };
+enum class EntryKind : std::uint8_t { directory, regularFile, symbolicLink, unsupported };
 
 // Why an item is of kind `unsupported`.
-enum class UnsupportedReason { fifo, socket, blockDevice, characterDevice, whiteout, unknownType };
+enum class UnsupportedReason : std::uint8_t { fifo, socket, blockDevice, characterDevice, whiteout, unknownType };
 
 std::string_view toString(EntryKind kind);
 std::optional<EntryKind> parseEntryKind(std::string_view raw);

@@ -13,8 +13,9 @@ namespace varnel {
 // One item as seen by a single statx that never follows a final symbolic link, so the
 // fields are consistent with each other.
 struct FileSystemEntry {
+    // Wide members first and the narrow ones together at the end, so that a scan's
+    // hundreds of thousands of entries carry little padding.
     RelativePath relativePath;
-    EntryKind kind = EntryKind::regularFile;
     std::int64_t size = 0;             // logical size of regular files; 0 for every other kind
     std::int64_t allocatedBlocks = 0;  // 512-byte units
     FileTimestamp modificationTime;
@@ -22,14 +23,15 @@ struct FileSystemEntry {
     // st_ctime: moved by every change to the data or the metadata, and, unlike the
     // modification time, not settable by programs; absent where unknown.
     std::optional<FileTimestamp> changeTime;
-    std::uint16_t posixPermissions = 0;         // mode & 07777
-    std::uint32_t ownerUID = 0;
-    std::uint32_t ownerGID = 0;
     std::optional<std::string> symlinkTarget;  // links only; absent when readlink failed
-    std::optional<UnsupportedReason> unsupportedReason;  // set exactly when kind is unsupported
     std::uint64_t deviceID = 0;  // st_dev (Linux device numbers need more than 32 bits)
     std::uint64_t inode = 0;
+    std::uint32_t ownerUID = 0;
+    std::uint32_t ownerGID = 0;
     std::uint32_t hardLinkCount = 1;
+    std::uint16_t posixPermissions = 0;  // mode & 07777
+    EntryKind kind = EntryKind::regularFile;
+    std::optional<UnsupportedReason> unsupportedReason;  // set exactly when kind is unsupported
     bool isDataless = false;  // contents live only in the cloud; never set by the Linux file system
 
     bool isDirectory() const { return kind == EntryKind::directory; }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <optional>
 #include <set>
 #include <unordered_set>
 
@@ -83,6 +84,18 @@ TEST(RelativePathTest, CanonicalEquivalenceWithoutChangingTheStoredValue) {
 
     std::unordered_set<RelativePath> set{*a};
     EXPECT_TRUE(set.contains(*b));
+
+    // Copies carry their own canonical form and outlive the original.
+    std::optional<RelativePath> original = RelativePath::fromString(decomposed);
+    RelativePath copy(*original);
+    RelativePath assigned = *RelativePath::fromString("x");
+    assigned = *original;
+    original.reset();
+    EXPECT_EQ(copy, *a);
+    EXPECT_EQ(assigned, *a);
+    EXPECT_EQ(assigned.value(), decomposed);
+    assigned = *RelativePath::fromString("x");
+    EXPECT_EQ(assigned.canonicalValue(), "x");
 
     // Case stays significant.
     EXPECT_NE(*RelativePath::fromString("A"), *RelativePath::fromString("a"));
