@@ -17,9 +17,9 @@ struct SyncAction {
     SyncActionType type = SyncActionType::warning;
     RelativePath relativePath;
     SyncActionReason reason;
-    SharedEntry sourceEntry;       // the scanned source item, when there is one
-    SharedEntry destinationEntry;  // the scanned destination item, when there is one
-    std::int64_t expectedBytes = 0;                   // what the action is expected to write
+    SharedEntry sourceEntry;         // the scanned source item, when there is one
+    SharedEntry destinationEntry;    // the scanned destination item, when there is one
+    std::int64_t expectedBytes = 0;  // what the action is expected to write
 
     friend bool operator==(const SyncAction&, const SyncAction&) = default;
 };
