@@ -407,8 +407,9 @@ void sortInPlace(std::vector<SyncAction>& actions, bool deepestFirst) {
     }
 }
 
-void appendMoving(std::vector<SyncAction>& into, std::vector<SyncAction>& list) {
-    into.insert(into.end(), std::make_move_iterator(list.begin()), std::make_move_iterator(list.end()));
+// Moves every action of `list` into `into` before `at`, and empties the list.
+void moveInto(std::vector<SyncAction>& into, std::vector<SyncAction>::iterator at, std::vector<SyncAction>& list) {
+    into.insert(at, std::make_move_iterator(list.begin()), std::make_move_iterator(list.end()));
     list.clear();
 }
 
@@ -425,10 +426,9 @@ void sortActionsForExecution(std::vector<SyncAction>& creations, std::vector<Syn
     // it lies, and the others move around it, so no second copy of it is ever made.
     into = std::move(files);
     files.clear();
-    into.insert(into.begin(), std::make_move_iterator(creations.begin()), std::make_move_iterator(creations.end()));
-    creations.clear();
-    appendMoving(into, archives);
-    appendMoving(into, others);
+    moveInto(into, into.begin(), creations);
+    moveInto(into, into.end(), archives);
+    moveInto(into, into.end(), others);
 }
 
 SyncPlan SyncPlanner::plan(const Input& input, std::stop_token stop) const {
