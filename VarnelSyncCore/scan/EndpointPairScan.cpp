@@ -28,10 +28,12 @@ EndpointPairScan EndpointPairScan::run(const SyncScanner& scanner, const Side& s
                     destination.root, EndpointRole::destination, destination.volumeIsCaseSensitive,
                     [&](const ScanProgress& progress) {
                         const std::lock_guard lock(reporting);
-                        if (sourceDone) {
-                            report(EndpointRole::destination, progress);
-                        } else {
+                        if (!sourceDone) {
                             heldDestinationProgress = progress;
+                        } else if (!sourceFailure) {
+                            // After a failed source the destination scan is only winding
+                            // down: its progress would describe a scan that no longer counts.
+                            report(EndpointRole::destination, progress);
                         }
                     },
                     destinationStop.get_token());
