@@ -44,6 +44,18 @@ bool isLink(SyncActionType type) {
     return type == SyncActionType::createSymlink || type == SyncActionType::replaceSymlink;
 }
 
+// The folder part of a path's text: everything before its last "/".
+std::string_view parentOf(const RelativePath& path) {
+    const std::string_view value = path.value();
+    const auto slash = value.rfind('/');
+    return slash == std::string_view::npos ? std::string_view() : value.substr(0, slash);
+}
+
+// Copies in one folder taken by one worker at a time, at most.
+constexpr std::size_t kLongestFolderRun = 256;
+
+std::ptrdiff_t depthOf(const RelativePath& path) { return std::count(path.value().begin(), path.value().end(), '/'); }
+
 // Thrown from the copy's source check when the file no longer matches the plan.
 struct SourceChangedAfterAnalysis {};
 
@@ -142,24 +154,47 @@ private:
         }
     }
 
-    // Runs one batch with its class's concurrency: workers take the next action in plan
-    // order until the batch is done or the run is stopped.
+    // Runs one batch with its class's concurrency: workers take the next run of actions
+    // in one folder, in plan order, until the batch is done or the run is stopped.
+    // Creating a file in a folder and renaming one into it both hold that folder's lock,
+    // so copies that share a folder mostly wait for each other; copies in different
+    // folders do not. A long run is cut so that a large flat folder still spreads.
     void runBatch(const TransferScheduler::Batch& batch) {
-        const int workers = std::min<int>(c_.scheduler.concurrency(batch.sizeClass),
-                                          static_cast<int>(batch.actions.size()));
+        const auto& actions = batch.actions;
+        std::vector<std::size_t> runStarts;
+        for (std::size_t i = 0; i < actions.size(); ++i) {
+            if (runStarts.empty() || i - runStarts.back() >= kLongestFolderRun ||
+                parentOf(actions[i].relativePath) != parentOf(actions[i - 1].relativePath)) {
+                runStarts.push_back(i);
+            }
+        }
+        runStarts.push_back(actions.size());
+        inParallel(runStarts.size() - 1, c_.scheduler.concurrency(batch.sizeClass), [&](std::size_t run) {
+            for (std::size_t i = runStarts[run]; i < runStarts[run + 1] && !stopped(); ++i) performTransfer(actions[i]);
+        });
+    }
+
+    enum class OnStop { leaveTheRest, finishAll };
+
+    // Calls `work` for 0 ..< count on up to `workers` threads, each taking the next
+    // index, until all are done (or, with leaveTheRest, the run is stopped).
+    template <typename Work>
+    void inParallel(std::size_t count, int workers, const Work& work, OnStop onStop = OnStop::leaveTheRest) {
         std::atomic<std::size_t> next{0};
-        const auto work = [&] {
-            for (std::size_t i = next++; i < batch.actions.size() && !stopped(); i = next++) {
-                performTransfer(batch.actions[i]);
+        const auto drain = [&] {
+            for (std::size_t i = next++; i < count; i = next++) {
+                if (onStop == OnStop::leaveTheRest && stopped()) return;
+                work(i);
             }
         };
-        if (workers <= 1) {
-            work();
+        const auto threadCount = std::min<std::size_t>(static_cast<std::size_t>(std::max(workers, 1)), count);
+        if (threadCount <= 1) {
+            drain();
             return;
         }
         std::vector<std::jthread> threads;
-        threads.reserve(static_cast<std::size_t>(workers));
-        for (int w = 0; w < workers; ++w) threads.emplace_back(work);
+        threads.reserve(threadCount);
+        for (std::size_t w = 0; w < threadCount; ++w) threads.emplace_back(drain);
     }
 
     void performTransfer(const SyncAction& action) {
@@ -297,31 +332,46 @@ private:
 
     // Created folders take their source's permissions and times once their contents are
     // written (writing inside a folder changes its time), then are flushed deepest first.
+    // All their metadata is set before the first flush, so one flush can carry many
+    // folders' changes to storage; the folders of one depth are flushed concurrently.
     void finish() {
         progress_.setPhase(SyncPhase::finishing);
         const auto& root = c_.copyEngine.destinationRoot;
-        const bool flush = c_.copyEngine.durabilityMode != DurabilityMode::fast;
-        for (auto it = created_.rbegin(); it != created_.rend(); ++it) {
-            const SyncAction& action = **it;
-            const FileSystemEntry& source = *action.sourceEntry;
+        std::vector<const SyncAction*> deepestFirst(created_.rbegin(), created_.rend());
+        for (const SyncAction* action : deepestFirst) {
+            const FileSystemEntry& source = *action->sourceEntry;
             try {
-                c_.fileSystem->setPermissions(root, action.relativePath, source.posixPermissions);
-                c_.fileSystem->setTimes(root, action.relativePath, source.modificationTime);
+                c_.fileSystem->setPermissions(root, action->relativePath, source.posixPermissions);
+                c_.fileSystem->setTimes(root, action->relativePath, source.modificationTime);
             } catch (const POSIXFileError&) {
                 accumulator_.addWarning(SyncWarning(SyncWarning::Category::metadataNotPreserved,
                                                     trFormat("Could not preserve {} for “{}”.", "permissions, timestamps",
-                                                             action.relativePath.description()),
-                                                    action.relativePath));
+                                                             action->relativePath.description()),
+                                                    action->relativePath));
             }
-            if (!flush) continue;
-            bool flushed = true;
-            try {
-                (void)c_.flusher->flushDirectory(root, action.relativePath, c_.copyEngine.durabilityMode);
-            } catch (const DurabilityError&) {
-                flushed = false;
-            }
-            accumulator_.recordDirectoryTreeFlush(action.relativePath, flushed);
         }
+        if (c_.copyEngine.durabilityMode == DurabilityMode::fast) return;
+        const int workers = c_.scheduler.concurrency(TransferScheduler::SizeClass::small);
+        for (std::size_t begin = 0; begin < deepestFirst.size();) {
+            const auto depth = depthOf(deepestFirst[begin]->relativePath);
+            std::size_t end = begin;
+            while (end < deepestFirst.size() && depthOf(deepestFirst[end]->relativePath) == depth) ++end;
+            // Folders this run made are flushed even after a stop: what they hold stays.
+            inParallel(end - begin, workers, [&](std::size_t i) { flushCreatedFolder(*deepestFirst[begin + i]); },
+                       OnStop::finishAll);
+            begin = end;
+        }
+    }
+
+    void flushCreatedFolder(const SyncAction& action) {
+        bool flushed = true;
+        try {
+            (void)c_.flusher->flushDirectory(c_.copyEngine.destinationRoot, action.relativePath,
+                                             c_.copyEngine.durabilityMode);
+        } catch (const DurabilityError&) {
+            flushed = false;
+        }
+        accumulator_.recordDirectoryTreeFlush(action.relativePath, flushed);
     }
 
     double secondsSince(std::uint64_t start) const {

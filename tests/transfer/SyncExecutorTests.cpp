@@ -9,7 +9,11 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
+#include <map>
+#include <mutex>
+#include <thread>
 
 namespace varnel {
 namespace {
@@ -44,7 +48,7 @@ protected:
         FileCopyEngine engine;
         engine.fileSystem = fileSystem;
         engine.durabilityMode = durability;
-        engine.flusher = std::make_shared<POSIXFileFlusher>(clock);
+        engine.flusher = flusher ? flusher : std::make_shared<POSIXFileFlusher>(clock);
         engine.runID = runID;
         engine.sourceRoot = fileSystem->openRoot(source());
         engine.destinationRoot = fileSystem->openRoot(destination());
@@ -74,6 +78,34 @@ protected:
     std::shared_ptr<const MonotonicClock> clock = std::make_shared<SteadyMonotonicClock>();
     Uuid profileID = Uuid::random();
     Uuid runID = Uuid::random();
+    std::shared_ptr<FileFlushing> flusher;  // the system's when unset
+};
+
+// Takes 1 ms over each staged file's flush and keeps, per destination folder, the most
+// copies it saw in that step at once.
+class FolderCrowdingFlusher final : public FileFlushing {
+public:
+    FlushResult flushFile(const EndpointRoot& root, const RelativePath& path, DurabilityMode, std::uint64_t) override {
+        const std::string folder = fs::path(displayPath(root, path.parent())).filename();
+        {
+            std::lock_guard lock(mutex_);
+            mostAtOnce_[folder] = std::max(mostAtOnce_[folder], ++inside_[folder]);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::lock_guard lock(mutex_);
+        --inside_[folder];
+        return {};
+    }
+    FlushResult flushDirectory(const EndpointRoot&, const RelativePath&, DurabilityMode) override { return {}; }
+
+    std::map<std::string, int> mostAtOnce() const {
+        std::lock_guard lock(mutex_);
+        return mostAtOnce_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::map<std::string, int> inside_, mostAtOnce_;
 };
 
 TEST_F(ExecutorTest, MirrorCopiesAndArchivesDestinationOnlyItemsUnderTheRunFolder) {
@@ -145,6 +177,26 @@ TEST_F(ExecutorTest, StoppingMidRunKeepsEarlierFilesCompleteAndLeavesNoStagingFi
     }
     EXPECT_EQ(present, result.filesCopied);
     EXPECT_TRUE(stagingLeftovers().empty());
+}
+
+// Copies into one folder queue on that folder's lock, so concurrent copies take whole
+// folders; only a folder with a long run of files is shared out.
+TEST_F(ExecutorTest, ConcurrentCopiesWorkInDifferentFoldersUnlessOneFolderIsLarge) {
+    for (int folder = 0; folder < 6; ++folder) {
+        for (int i = 0; i < 12; ++i) temp.writeFile("src/d" + std::to_string(folder) + "/f" + std::to_string(i), "x");
+    }
+    for (int i = 0; i < 600; ++i) temp.writeFile("src/large/f" + std::to_string(i), "x");
+    auto crowding = std::make_shared<FolderCrowdingFlusher>();
+    flusher = crowding;
+
+    const auto result = run(analyze(SyncMode::update), DurabilityMode::durable).result;
+    EXPECT_EQ(result.filesCopied, 6 * 12 + 600);
+    const auto mostAtOnce = crowding->mostAtOnce();
+    ASSERT_EQ(mostAtOnce.size(), 7u);
+    for (int folder = 0; folder < 6; ++folder) {
+        EXPECT_EQ(mostAtOnce.at("d" + std::to_string(folder)), 1) << "d" << folder << " was copied into by several";
+    }
+    EXPECT_GT(mostAtOnce.at("large"), 1) << "a large folder should still take several copies at once";
 }
 
 TEST_F(ExecutorTest, ManySmallFilesKeepExactTotalsWithCappedDetail) {
