@@ -277,13 +277,13 @@ void writeAnalysisJSON(std::ostream& out, SyncCoordinator::AnalysisOutcome& outc
         out << ",\n";
     }
     out << "    \"actions\": [";
-    bool first = true;
+    std::string line;
     for (const auto& action : plan.actions) {  // one compact action per line
-        out << (first ? "\n      " : ",\n      ");
-        first = false;
-        out << nlohmann::json(action).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+        line.assign(&action == plan.actions.data() ? "\n      " : ",\n      ");
+        appendCompactJSON(line, action);
+        out << line;
     }
-    out << (first ? "]\n" : "\n    ]\n") << "  },\n  \"decision\": ";
+    out << (plan.actions.empty() ? "]\n" : "\n    ]\n") << "  },\n  \"decision\": ";
     writeNested(out, dumped(decisionJSON(outcome.decision)), 2);
     out << ",\n  \"confirmationWord\": " << nlohmann::json(std::string(SafetyGate::kConfirmationWord)).dump()
         << "\n}\n";

@@ -27,6 +27,10 @@ struct SyncAction {
 void to_json(nlohmann::json& json, const FileSystemEntry& entry);
 void from_json(const nlohmann::json& json, FileSystemEntry& entry);
 void to_json(nlohmann::json& json, const SyncAction& action);
+// Appends the action as compact JSON, the very text nlohmann::json(action).dump() gives
+// (keys in sorted order, invalid UTF-8 replaced), without building the document first:
+// a plan of a million actions is written in a fraction of the time.
+void appendCompactJSON(std::string& out, const SyncAction& action);
 void from_json(const nlohmann::json& json, SyncAction& action);
 
 }  // namespace varnel

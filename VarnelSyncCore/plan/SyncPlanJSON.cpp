@@ -8,6 +8,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <charconv>
+
 namespace varnel {
 
 namespace {
@@ -54,7 +56,130 @@ void forEachSummaryField(Summary& s, Visit&& visit) {
     visit("destinationOnlineOnlyFiles", s.destinationOnlineOnlyFiles);
 }
 
+// Compact JSON written straight into a string, matching nlohmann's dump(-1) with
+// replaced invalid UTF-8 byte for byte.
+class CompactWriter {
+public:
+    explicit CompactWriter(std::string& out) : out_(out) {}
+
+    void key(std::string_view name) {
+        out_ += first_ ? "\"" : ",\"";
+        out_ += name;  // every key here is plain ASCII
+        out_ += "\":";
+        first_ = false;
+    }
+    void beginObject() {
+        out_ += '{';
+        first_ = true;
+    }
+    void endObject() {
+        out_ += '}';
+        first_ = false;
+    }
+    template <typename Integer>
+    void number(Integer value) {
+        char digits[24];
+        const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+        out_.append(digits, end);
+    }
+    void boolean(bool value) { out_ += value ? "true" : "false"; }
+    void string(std::string_view text) {
+        // Plain printable ASCII needs no escaping; anything else takes nlohmann's path.
+        for (const char c : text) {
+            const auto byte = static_cast<unsigned char>(c);
+            if (byte < 0x20 || byte >= 0x80 || c == '"' || c == '\\') {
+                out_ += Json(std::string(text)).dump(-1, ' ', false, Json::error_handler_t::replace);
+                return;
+            }
+        }
+        out_ += '"';
+        out_ += text;
+        out_ += '"';
+    }
+    void timestamp(const FileTimestamp& time) {
+        beginObject();
+        key("nanoseconds");
+        number(time.nanoseconds);
+        key("seconds");
+        number(time.seconds);
+        endObject();
+    }
+    void json(const Json& value) { out_ += value.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
+private:
+    std::string& out_;
+    bool first_ = true;
+};
+
+// The fields in the sorted key order of to_json(FileSystemEntry).
+void writeEntry(CompactWriter& w, const FileSystemEntry& entry) {
+    w.beginObject();
+    w.key("allocatedBlocks");
+    w.number(entry.allocatedBlocks);
+    if (entry.changeTime) {
+        w.key("changeTime");
+        w.timestamp(*entry.changeTime);
+    }
+    if (entry.creationTime) {
+        w.key("creationTime");
+        w.timestamp(*entry.creationTime);
+    }
+    w.key("deviceID");
+    w.number(entry.deviceID);
+    w.key("hardLinkCount");
+    w.number(entry.hardLinkCount);
+    w.key("inode");
+    w.number(entry.inode);
+    w.key("isDataless");
+    w.boolean(entry.isDataless);
+    w.key("kind");
+    w.string(toString(entry.kind));
+    w.key("modificationTime");
+    w.timestamp(entry.modificationTime);
+    w.key("ownerGID");
+    w.number(entry.ownerGID);
+    w.key("ownerUID");
+    w.number(entry.ownerUID);
+    w.key("posixPermissions");
+    w.number(entry.posixPermissions);
+    w.key("relativePath");
+    w.string(entry.relativePath.value());
+    w.key("size");
+    w.number(entry.size);
+    if (entry.symlinkTarget) {
+        w.key("symlinkTarget");
+        w.string(*entry.symlinkTarget);
+    }
+    if (entry.unsupportedReason) {
+        w.key("unsupportedReason");
+        w.string(toString(*entry.unsupportedReason));
+    }
+    w.endObject();
+}
+
 }  // namespace
+
+void appendCompactJSON(std::string& out, const SyncAction& action) {
+    CompactWriter w(out);
+    w.beginObject();
+    if (action.destinationEntry) {
+        w.key("destinationEntry");
+        writeEntry(w, *action.destinationEntry);
+    }
+    w.key("expectedBytes");
+    w.number(action.expectedBytes);
+    w.key("reason");
+    w.json(Json(action.reason));
+    w.key("relativePath");
+    w.string(action.relativePath.value());
+    if (action.sourceEntry) {
+        w.key("sourceEntry");
+        writeEntry(w, *action.sourceEntry);
+    }
+    w.key("type");
+    w.string(toString(action.type));
+    w.endObject();
+}
 
 void to_json(Json& json, const SyncPlanSummary& summary) {
     json = Json::object();

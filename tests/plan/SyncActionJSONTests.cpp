@@ -1,0 +1,76 @@
+#include "plan/SyncAction.hpp"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace varnel {
+namespace {
+
+using R = SyncActionReason;
+
+RelativePath rel(const std::string& value) {
+    auto path = RelativePath::fromString(value);
+    EXPECT_TRUE(path) << value;
+    return path ? *path : RelativePath();
+}
+
+// The fast writer must give the document writer's text byte for byte, whichever
+// optional fields are present and whatever bytes the names hold.
+TEST(SyncActionJSONTest, CompactTextIsWhatTheDocumentWriterGives) {
+    FileSystemEntry full;
+    full.relativePath = rel("Fotos/Café \"quoted\" \\ back\tslash\x7f");
+    full.kind = EntryKind::symbolicLink;
+    full.size = std::numeric_limits<std::int64_t>::max();
+    full.allocatedBlocks = -3;
+    full.modificationTime = {-1, 999'999'999};
+    full.creationTime = FileTimestamp{1'700'000'000, 0};
+    full.changeTime = FileTimestamp{1'700'000'001, 5};
+    full.symlinkTarget = "../target\n\x01";
+    full.deviceID = std::numeric_limits<std::uint64_t>::max();
+    full.inode = 1234567890123ULL;
+    full.ownerUID = 4'000'000'000U;
+    full.ownerGID = 0;
+    full.hardLinkCount = 2;
+    full.posixPermissions = 07777;
+    full.isDataless = true;
+
+    FileSystemEntry bare;  // no optionals at all
+    bare.relativePath = rel("plain/name.txt");
+
+    FileSystemEntry odd = bare;
+    odd.relativePath = rel(std::string("broken-\xff\xfe-utf8"));  // a Linux name need not be UTF-8
+    odd.kind = EntryKind::unsupported;
+    odd.unsupportedReason = UnsupportedReason::fifo;
+
+    std::vector<SyncAction> actions;
+    actions.push_back({SyncActionType::replaceSymlink, full.relativePath, R::SymlinkTargetChanged{"a\"", "ü"},
+                       SharedEntry(full), SharedEntry(full), -7});
+    actions.push_back({SyncActionType::copyNewFile, bare.relativePath, R::NotPresentInDestination{},
+                       SharedEntry(bare), SharedEntry(), 42});
+    actions.push_back({SyncActionType::archiveDestinationItem, odd.relativePath, R::NotPresentInSource{},
+                       SharedEntry(), SharedEntry(odd), 0});
+    actions.push_back({SyncActionType::warning, RelativePath(), R::ScanFailure{"x\r\ny"}, {}, {}, 0});
+    // One awkward byte per name, so each escape is tested on its own.
+    for (const std::string name : {"quote\"d", "back\\slash", "tab\tbed", "del\x7f", "Straße", "bad\xc3"}) {
+        FileSystemEntry entry = bare;
+        entry.relativePath = rel(name);
+        entry.symlinkTarget = name;
+        actions.push_back({SyncActionType::copyNewFile, entry.relativePath, R::NotPresentInDestination{},
+                           SharedEntry(entry), SharedEntry(), 1});
+    }
+
+    for (const auto& action : actions) {
+        std::string fast = "prefix ";
+        appendCompactJSON(fast, action);
+        const std::string expected =
+            nlohmann::json(action).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+        EXPECT_EQ(fast, "prefix " + expected);
+    }
+}
+
+}  // namespace
+}  // namespace varnel
