@@ -51,7 +51,7 @@ std::string_view parentOf(const RelativePath& path) {
     return slash == std::string_view::npos ? std::string_view() : value.substr(0, slash);
 }
 
-// Copies in one folder taken by one worker at a time, at most.
+// Small-file copies in one folder taken by one worker at a time, at most.
 constexpr std::size_t kLongestFolderRun = 256;
 
 std::ptrdiff_t depthOf(const RelativePath& path) { return std::count(path.value().begin(), path.value().end(), '/'); }
@@ -154,16 +154,20 @@ private:
         }
     }
 
-    // Runs one batch with its class's concurrency: workers take the next run of actions
-    // in one folder, in plan order, until the batch is done or the run is stopped.
-    // Creating a file in a folder and renaming one into it both hold that folder's lock,
-    // so copies that share a folder mostly wait for each other; copies in different
-    // folders do not. A long run is cut so that a large flat folder still spreads.
+    // Runs one batch with its class's concurrency: workers take the next action, or for
+    // small files the next run of them in one folder, in plan order, until the batch is
+    // done or the run is stopped. A small file costs mostly its create and rename, both
+    // under its folder's lock, so small copies that share a folder mostly wait for each
+    // other; in different folders they do not. A long run is cut so that a large flat
+    // folder still spreads. Larger files cost their data, which copies share out well
+    // within one folder.
     void runBatch(const TransferScheduler::Batch& batch) {
         const auto& actions = batch.actions;
+        const std::size_t longestRun =
+            batch.sizeClass == TransferScheduler::SizeClass::small ? kLongestFolderRun : 1;
         std::vector<std::size_t> runStarts;
         for (std::size_t i = 0; i < actions.size(); ++i) {
-            if (runStarts.empty() || i - runStarts.back() >= kLongestFolderRun ||
+            if (runStarts.empty() || i - runStarts.back() >= longestRun ||
                 parentOf(actions[i].relativePath) != parentOf(actions[i - 1].relativePath)) {
                 runStarts.push_back(i);
             }

@@ -179,24 +179,27 @@ TEST_F(ExecutorTest, StoppingMidRunKeepsEarlierFilesCompleteAndLeavesNoStagingFi
     EXPECT_TRUE(stagingLeftovers().empty());
 }
 
-// Copies into one folder queue on that folder's lock, so concurrent copies take whole
-// folders; only a folder with a long run of files is shared out.
-TEST_F(ExecutorTest, ConcurrentCopiesWorkInDifferentFoldersUnlessOneFolderIsLarge) {
+// Small-file copies into one folder queue on that folder's lock, so concurrent small
+// copies take whole folders; only a folder with a long run of them is shared out. Files
+// of a megabyte and more are shared out within their folder.
+TEST_F(ExecutorTest, ConcurrentSmallCopiesWorkInDifferentFoldersUnlessOneFolderIsLarge) {
     for (int folder = 0; folder < 6; ++folder) {
         for (int i = 0; i < 12; ++i) temp.writeFile("src/d" + std::to_string(folder) + "/f" + std::to_string(i), "x");
     }
     for (int i = 0; i < 600; ++i) temp.writeFile("src/large/f" + std::to_string(i), "x");
+    for (int i = 0; i < 6; ++i) temp.writeFile("src/medium/f" + std::to_string(i), std::string(1'000'000, 'm'));
     auto crowding = std::make_shared<FolderCrowdingFlusher>();
     flusher = crowding;
 
     const auto result = run(analyze(SyncMode::update), DurabilityMode::durable).result;
-    EXPECT_EQ(result.filesCopied, 6 * 12 + 600);
+    EXPECT_EQ(result.filesCopied, 6 * 12 + 600 + 6);
     const auto mostAtOnce = crowding->mostAtOnce();
-    ASSERT_EQ(mostAtOnce.size(), 7u);
+    ASSERT_EQ(mostAtOnce.size(), 8u);
     for (int folder = 0; folder < 6; ++folder) {
         EXPECT_EQ(mostAtOnce.at("d" + std::to_string(folder)), 1) << "d" << folder << " was copied into by several";
     }
     EXPECT_GT(mostAtOnce.at("large"), 1) << "a large folder should still take several copies at once";
+    EXPECT_GT(mostAtOnce.at("medium"), 1) << "files of a megabyte should be copied several at once";
 }
 
 TEST_F(ExecutorTest, ManySmallFilesKeepExactTotalsWithCappedDetail) {
