@@ -9,6 +9,9 @@
 #include <nlohmann/json.hpp>
 
 #include <charconv>
+#include <concepts>
+#include <optional>
+#include <string_view>
 
 namespace varnel {
 
@@ -57,17 +60,12 @@ void forEachSummaryField(Summary& s, Visit&& visit) {
 }
 
 // Compact JSON written straight into a string, matching nlohmann's dump(-1) with
-// replaced invalid UTF-8 byte for byte.
+// replaced invalid UTF-8 byte for byte. Fields must be given in sorted key order, as
+// nlohmann::json keeps them; an absent optional writes nothing.
 class CompactWriter {
 public:
     explicit CompactWriter(std::string& out) : out_(out) {}
 
-    void key(std::string_view name) {
-        out_ += first_ ? "\"" : ",\"";
-        out_ += name;  // every key here is plain ASCII
-        out_ += "\":";
-        first_ = false;
-    }
     void beginObject() {
         out_ += '{';
         first_ = true;
@@ -76,19 +74,36 @@ public:
         out_ += '}';
         first_ = false;
     }
-    template <typename Integer>
-    void number(Integer value) {
+
+    template <typename T>
+    void field(std::string_view key, const T& value) {
+        out_ += first_ ? "\"" : ",\"";
+        out_ += key;  // every key here is plain ASCII
+        out_ += "\":";
+        first_ = false;
+        write(value);
+    }
+    template <typename T>
+    void field(std::string_view key, const std::optional<T>& value) {
+        if (value) field(key, *value);
+    }
+
+private:
+    template <std::integral Integer>
+        requires(!std::same_as<Integer, bool>)
+    void write(Integer value) {
         char digits[24];
         const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
         out_.append(digits, end);
     }
-    void boolean(bool value) { out_ += value ? "true" : "false"; }
-    void string(std::string_view text) {
+    void write(bool value) { out_ += value ? "true" : "false"; }
+    void write(const std::string& text) { write(std::string_view(text)); }
+    void write(std::string_view text) {
         // Plain printable ASCII needs no escaping; anything else takes nlohmann's path.
         for (const char c : text) {
             const auto byte = static_cast<unsigned char>(c);
             if (byte < 0x20 || byte >= 0x80 || c == '"' || c == '\\') {
-                out_ += Json(std::string(text)).dump(-1, ' ', false, Json::error_handler_t::replace);
+                write(Json(std::string(text)));
                 return;
             }
         }
@@ -96,88 +111,53 @@ public:
         out_ += text;
         out_ += '"';
     }
-    void timestamp(const FileTimestamp& time) {
+    void write(const Json& value) { out_ += value.dump(-1, ' ', false, Json::error_handler_t::replace); }
+    void write(const RelativePath& path) { write(std::string_view(path.value())); }
+    void write(EntryKind kind) { write(toString(kind)); }
+    void write(UnsupportedReason reason) { write(toString(reason)); }
+    void write(const FileTimestamp& time) {
         beginObject();
-        key("nanoseconds");
-        number(time.nanoseconds);
-        key("seconds");
-        number(time.seconds);
+        field("nanoseconds", time.nanoseconds);
+        field("seconds", time.seconds);
         endObject();
     }
-    void json(const Json& value) { out_ += value.dump(-1, ' ', false, Json::error_handler_t::replace); }
+    // The fields of to_json(FileSystemEntry).
+    void write(const FileSystemEntry& entry) {
+        beginObject();
+        field("allocatedBlocks", entry.allocatedBlocks);
+        field("changeTime", entry.changeTime);
+        field("creationTime", entry.creationTime);
+        field("deviceID", entry.deviceID);
+        field("hardLinkCount", entry.hardLinkCount);
+        field("inode", entry.inode);
+        field("isDataless", entry.isDataless);
+        field("kind", entry.kind);
+        field("modificationTime", entry.modificationTime);
+        field("ownerGID", entry.ownerGID);
+        field("ownerUID", entry.ownerUID);
+        field("posixPermissions", entry.posixPermissions);
+        field("relativePath", entry.relativePath);
+        field("size", entry.size);
+        field("symlinkTarget", entry.symlinkTarget);
+        field("unsupportedReason", entry.unsupportedReason);
+        endObject();
+    }
 
-private:
     std::string& out_;
     bool first_ = true;
 };
-
-// The fields in the sorted key order of to_json(FileSystemEntry).
-void writeEntry(CompactWriter& w, const FileSystemEntry& entry) {
-    w.beginObject();
-    w.key("allocatedBlocks");
-    w.number(entry.allocatedBlocks);
-    if (entry.changeTime) {
-        w.key("changeTime");
-        w.timestamp(*entry.changeTime);
-    }
-    if (entry.creationTime) {
-        w.key("creationTime");
-        w.timestamp(*entry.creationTime);
-    }
-    w.key("deviceID");
-    w.number(entry.deviceID);
-    w.key("hardLinkCount");
-    w.number(entry.hardLinkCount);
-    w.key("inode");
-    w.number(entry.inode);
-    w.key("isDataless");
-    w.boolean(entry.isDataless);
-    w.key("kind");
-    w.string(toString(entry.kind));
-    w.key("modificationTime");
-    w.timestamp(entry.modificationTime);
-    w.key("ownerGID");
-    w.number(entry.ownerGID);
-    w.key("ownerUID");
-    w.number(entry.ownerUID);
-    w.key("posixPermissions");
-    w.number(entry.posixPermissions);
-    w.key("relativePath");
-    w.string(entry.relativePath.value());
-    w.key("size");
-    w.number(entry.size);
-    if (entry.symlinkTarget) {
-        w.key("symlinkTarget");
-        w.string(*entry.symlinkTarget);
-    }
-    if (entry.unsupportedReason) {
-        w.key("unsupportedReason");
-        w.string(toString(*entry.unsupportedReason));
-    }
-    w.endObject();
-}
 
 }  // namespace
 
 void appendCompactJSON(std::string& out, const SyncAction& action) {
     CompactWriter w(out);
     w.beginObject();
-    if (action.destinationEntry) {
-        w.key("destinationEntry");
-        writeEntry(w, *action.destinationEntry);
-    }
-    w.key("expectedBytes");
-    w.number(action.expectedBytes);
-    w.key("reason");
-    w.json(Json(action.reason));
-    w.key("relativePath");
-    w.string(action.relativePath.value());
-    if (action.sourceEntry) {
-        w.key("sourceEntry");
-        writeEntry(w, *action.sourceEntry);
-    }
-    w.key("type");
-    w.string(toString(action.type));
+    if (action.destinationEntry) w.field("destinationEntry", *action.destinationEntry);
+    w.field("expectedBytes", action.expectedBytes);
+    w.field("reason", Json(action.reason));
+    w.field("relativePath", action.relativePath);
+    if (action.sourceEntry) w.field("sourceEntry", *action.sourceEntry);
+    w.field("type", toString(action.type));
     w.endObject();
 }
 
