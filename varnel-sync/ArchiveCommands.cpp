@@ -30,7 +30,7 @@ std::string runName(const ArchiveRun& run) {
 }
 
 std::string absolutePath(const SyncProfile& profile, const RelativePath& path) {
-    return profile.destinationDisplayPath + "/" + path.value();
+    return profile.destinationDisplayPath + "/" + std::string(path.value());
 }
 
 // The run folder RUN names: its folder name, or its whole path below the destination.

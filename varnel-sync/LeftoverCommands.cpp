@@ -144,11 +144,11 @@ ExitCode leftoversCommand(Context& context, const LeftoverArguments& arguments) 
             rows.push_back({tr("Run"), tr("Age"), tr("Size"), tr("Staging file → intended name")});
             for (const auto& leftover : search.leftovers) {
                 const RelativePath& path = leftover.entry.relativePath;
-                const std::string folder = path.parent().isRoot() ? "" : path.parent().value() + "/";
+                const std::string folder = path.parent().isRoot() ? "" : std::string(path.parent().value()) + "/";
                 rows.push_back({leftover.name.runTag.value_or("—"),
                                 ageText(nowSeconds - leftover.entry.modificationTime.seconds),
                                 formatByteCount(leftover.entry.size),
-                                path.value() + " → " + folder + leftover.name.intendedName});
+                                std::string(path.value()) + " → " + folder + leftover.name.intendedName});
             }
             std::array<std::size_t, 3> widths{};
             for (const auto& row : rows) {

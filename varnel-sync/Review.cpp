@@ -224,7 +224,7 @@ void printReview(std::ostream& out, const std::string& profileName, const SyncCo
     heading.add(tr("Source"), plan.sourceRoot);
     heading.add(tr("Destination"), plan.destinationRoot);
     if (outcome.archiveRunFolder) {
-        heading.add(tr("Archive"), plan.destinationRoot + "/" + outcome.archiveRunFolder->value());
+        heading.add(tr("Archive"), plan.destinationRoot + "/" + std::string(outcome.archiveRunFolder->value()));
     }
     heading.add(tr("Analyzed"), localDateTime(outcome.analyzedAt));
     heading.print(out);

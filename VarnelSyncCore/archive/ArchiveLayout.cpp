@@ -98,7 +98,7 @@ std::optional<Date> ArchiveLayout::parseRunFolderName(std::string_view name,
 
 RelativePath ArchiveLayout::archivedPath(const RelativePath& runFolder, const RelativePath& item) {
     if (item.isRoot()) return runFolder;
-    return *RelativePath::fromString(runFolder.value() + "/" + item.value());
+    return *RelativePath::fromString(std::string(runFolder.value()) + "/" + std::string(item.value()));
 }
 
 bool ArchiveLayout::isInsideArchive(const RelativePath& path) {

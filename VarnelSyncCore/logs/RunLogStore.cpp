@@ -193,7 +193,7 @@ std::vector<LogRecord> RunLogStore::makeRecords(const RunLogInput& input) {
     if (input.plan) records.push_back(summaryRecord(input.plan->summary));
     for (const auto& action : input.actionResults) {
         LogRecord record{nowText(), "action", {}};
-        record.add("path", action.relativePath.value());
+        record.add("path", std::string(action.relativePath.value()));
         record.add("action", std::string(toString(action.type)));
         record.add("succeeded", action.succeeded);
         record.add("bytes", asInt(action.bytesWritten));
@@ -205,14 +205,14 @@ std::vector<LogRecord> RunLogStore::makeRecords(const RunLogInput& input) {
     for (const auto& warning : input.result.warnings) {
         LogRecord record{nowText(), "warning", {}};
         record.add("category", std::string(toString(warning.category)));
-        record.add("path", warning.relativePath ? warning.relativePath->value() : std::string());
+        record.add("path", warning.relativePath ? std::string(warning.relativePath->value()) : std::string());
         record.add("message", warning.message);
         records.push_back(std::move(record));
     }
     for (const auto& error : input.result.errors) {
         LogRecord record{nowText(), "error", {}};
         record.add("code", error.code);
-        record.add("path", error.relativePath ? error.relativePath->value() : std::string());
+        record.add("path", error.relativePath ? std::string(error.relativePath->value()) : std::string());
         record.add("message", error.message);
         records.push_back(std::move(record));
     }

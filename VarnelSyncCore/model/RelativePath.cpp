@@ -5,7 +5,40 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cstring>
+#include <limits>
+#include <new>
+#include <stdexcept>
+
 namespace varnel {
+
+RelativePath::Text* RelativePath::Text::make(std::string_view value, std::string_view canonical) {
+    // The top bit of the size marks a canonical form, so sizes stay below it.
+    if (value.size() >= kHasCanonical || canonical.size() >= kHasCanonical) {
+        throw std::length_error("Path too long.");
+    }
+    std::size_t bytes = sizeof(Text) + value.size();
+    if (!canonical.empty()) bytes += sizeof(std::uint32_t) + canonical.size();
+    void* memory = std::malloc(bytes);
+    if (!memory) throw std::bad_alloc();
+    Text* text = new (memory) Text;
+    text->size_ = static_cast<std::uint32_t>(value.size()) | (canonical.empty() ? 0 : kHasCanonical);
+    char* out = reinterpret_cast<char*>(text + 1);
+    std::memcpy(out, value.data(), value.size());
+    if (!canonical.empty()) {
+        const auto canonicalSize = static_cast<std::uint32_t>(canonical.size());
+        std::memcpy(out + value.size(), &canonicalSize, sizeof canonicalSize);
+        std::memcpy(out + value.size() + sizeof canonicalSize, canonical.data(), canonical.size());
+    }
+    return text;
+}
+
+std::string_view RelativePath::Text::canonical() const {
+    if (!hasCanonical()) return {bytes(), size()};
+    std::uint32_t canonicalSize = 0;
+    std::memcpy(&canonicalSize, bytes() + size(), sizeof canonicalSize);
+    return {bytes() + size() + sizeof canonicalSize, canonicalSize};
+}
 
 bool RelativePath::isValidComponent(std::string_view name) {
     if (name.empty() || name == "." || name == "..") return false;
@@ -54,7 +87,7 @@ std::optional<RelativePath> RelativePath::fromString(std::string_view value) {
         if (slash == std::string_view::npos) break;
         start = slash + 1;
     }
-    return RelativePath(std::string(value), canonicalFormOfPath(value));
+    return RelativePath(value, canonicalFormOfPath(value));
 }
 
 std::optional<RelativePath> RelativePath::fromComponents(const std::vector<std::string>& components) {
@@ -70,41 +103,43 @@ std::optional<RelativePath> RelativePath::fromComponents(const std::vector<std::
 std::optional<RelativePath> RelativePath::appending(std::string_view name) const {
     if (!isValidComponent(name)) return std::nullopt;
     std::string value;
-    value.reserve(value_.size() + 1 + name.size());
+    value.reserve(this->value().size() + 1 + name.size());
     if (!isRoot()) {
-        value += value_;
+        value += this->value();
         value += '/';
     }
     value += name;
     // "/" never combines with a neighbour, so the canonical form can be built per part.
     std::string canonical;
     std::string nameCanonical = canonicalFormOf(name);
-    if (canonical_ || !nameCanonical.empty()) {
+    if ((text_ && text_->hasCanonical()) || !nameCanonical.empty()) {
         if (!isRoot()) {
             canonical += canonicalValue();
             canonical += '/';
         }
         canonical += nameCanonical.empty() ? std::string(name) : nameCanonical;
     }
-    return RelativePath(std::move(value), std::move(canonical));
+    return RelativePath(value, canonical);
 }
 
 RelativePath RelativePath::parent() const {
-    const std::size_t slash = value_.rfind('/');
-    if (slash == std::string::npos) return RelativePath();
-    return *fromString(std::string_view(value_).substr(0, slash));
+    const std::string_view value = this->value();
+    const std::size_t slash = value.rfind('/');
+    if (slash == std::string_view::npos) return RelativePath();
+    return *fromString(value.substr(0, slash));
 }
 
 std::string_view RelativePath::lastComponent() const {
-    const std::size_t slash = value_.rfind('/');
-    if (slash == std::string::npos) return value_;
-    return std::string_view(value_).substr(slash + 1);
+    const std::string_view value = this->value();
+    const std::size_t slash = value.rfind('/');
+    if (slash == std::string_view::npos) return value;
+    return value.substr(slash + 1);
 }
 
 std::vector<std::string_view> RelativePath::components() const {
     std::vector<std::string_view> result;
     if (isRoot()) return result;
-    std::string_view rest = value_;
+    std::string_view rest = value();
     while (true) {
         const std::size_t slash = rest.find('/');
         result.push_back(rest.substr(0, slash));
@@ -115,10 +150,10 @@ std::vector<std::string_view> RelativePath::components() const {
 }
 
 bool RelativePath::isAncestorOf(const RelativePath& other) const {
-    const std::string& mine = canonicalValue();
-    const std::string& theirs = other.canonicalValue();
+    const std::string_view mine = canonicalValue();
+    const std::string_view theirs = other.canonicalValue();
     if (isRoot()) return !other.isRoot();
-    return theirs.size() > mine.size() && theirs.compare(0, mine.size(), mine) == 0 && theirs[mine.size()] == '/';
+    return theirs.size() > mine.size() && theirs.substr(0, mine.size()) == mine && theirs[mine.size()] == '/';
 }
 
 void to_json(nlohmann::json& json, const RelativePath& path) {

@@ -2,12 +2,15 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include <atomic>
 #include <compare>
+#include <cstdint>
+#include <cstdlib>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace varnel {
@@ -17,19 +20,17 @@ namespace varnel {
 //
 // The stored value is exactly what was given. Equality, hashing and ordering use the
 // canonical (NFC) form, so a decomposed name equals its precomposed spelling; case
-// stays significant.
+// stays significant. A path is one pointer; copies share the text.
 class RelativePath {
 public:
     RelativePath() = default;  // the root
-    RelativePath(const RelativePath& other)
-        : value_(other.value_), canonical_(other.canonical_ ? std::make_unique<std::string>(*other.canonical_) : nullptr) {}
-    RelativePath(RelativePath&&) noexcept = default;
-    RelativePath& operator=(const RelativePath& other) {
-        if (this != &other) *this = RelativePath(other);
+    RelativePath(const RelativePath& other) noexcept : text_(other.text_) { retain(); }
+    RelativePath(RelativePath&& other) noexcept : text_(std::exchange(other.text_, nullptr)) {}
+    RelativePath& operator=(RelativePath other) noexcept {
+        std::swap(text_, other.text_);
         return *this;
     }
-    RelativePath& operator=(RelativePath&&) noexcept = default;
-    ~RelativePath() = default;
+    ~RelativePath() { release(); }
 
     static std::optional<RelativePath> fromString(std::string_view value);
     static std::optional<RelativePath> fromComponents(const std::vector<std::string>& components);
@@ -38,10 +39,10 @@ public:
     // The child `name` of this path, or none when `name` is not a valid component.
     std::optional<RelativePath> appending(std::string_view name) const;
 
-    bool isRoot() const { return value_.empty(); }
-    const std::string& value() const { return value_; }
+    bool isRoot() const { return text_ == nullptr; }
+    std::string_view value() const { return text_ ? std::string_view(text_->bytes(), text_->size()) : std::string_view(); }
     // The value, with the root shown as "/" (used in every message).
-    std::string description() const { return isRoot() ? std::string("/") : value_; }
+    std::string description() const { return isRoot() ? std::string("/") : std::string(value()); }
 
     // The containing path; the root for a single component and for the root itself.
     RelativePath parent() const;
@@ -52,10 +53,10 @@ public:
     bool isAncestorOf(const RelativePath& other) const;
 
     // The NFC form that comparisons use.
-    const std::string& canonicalValue() const { return canonical_ ? *canonical_ : value_; }
+    std::string_view canonicalValue() const { return text_ ? text_->canonical() : std::string_view(); }
 
     friend bool operator==(const RelativePath& a, const RelativePath& b) {
-        return a.canonicalValue() == b.canonicalValue();
+        return a.text_ == b.text_ || a.canonicalValue() == b.canonicalValue();
     }
     // Byte order of UTF-8 equals the order of Unicode scalar values.
     friend std::strong_ordering operator<=>(const RelativePath& a, const RelativePath& b) {
@@ -63,16 +64,37 @@ public:
     }
 
 private:
-    RelativePath(std::string value, std::string canonical)
-        : value_(std::move(value)),
-          canonical_(canonical.empty() ? nullptr : std::make_unique<std::string>(std::move(canonical))) {}
+    // One immutable block per path, shared by every copy: a plan, its log records and
+    // its warnings name the same hundreds of thousands of paths a scan holds, and each
+    // copy costs a reference count instead of a string. The value's bytes follow the
+    // header; when the canonical form differs (rare), its size and bytes follow them.
+    class Text {
+    public:
+        static Text* make(std::string_view value, std::string_view canonical);
+        void retain() { references_.fetch_add(1, std::memory_order_relaxed); }
+        bool release() { return references_.fetch_sub(1, std::memory_order_acq_rel) == 1; }
+        std::uint32_t size() const { return size_ & ~kHasCanonical; }
+        bool hasCanonical() const { return (size_ & kHasCanonical) != 0; }
+        const char* bytes() const { return reinterpret_cast<const char*>(this + 1); }
+        std::string_view canonical() const;
+
+    private:
+        static constexpr std::uint32_t kHasCanonical = 0x8000'0000U;
+        std::atomic<std::uint32_t> references_{1};
+        std::uint32_t size_ = 0;
+    };
+
+    RelativePath(std::string_view value, std::string_view canonical) : text_(Text::make(value, canonical)) {}
+    void retain() const {
+        if (text_) text_->retain();
+    }
+    void release() {
+        if (text_ && text_->release()) std::free(text_);
+    }
     static std::string canonicalFormOf(std::string_view value);
     static std::string canonicalFormOfPath(std::string_view value);
 
-    std::string value_;
-    // Absent when value_ is already canonical, as nearly every name is; a pointer keeps
-    // the millions of paths a scan holds small.
-    std::unique_ptr<std::string> canonical_;
+    Text* text_ = nullptr;  // null for the root
 };
 
 void to_json(nlohmann::json& json, const RelativePath& path);
@@ -84,6 +106,6 @@ void from_json(const nlohmann::json& json, RelativePath& path);
 template <>
 struct std::hash<varnel::RelativePath> {
     std::size_t operator()(const varnel::RelativePath& path) const noexcept {
-        return std::hash<std::string>{}(path.canonicalValue());
+        return std::hash<std::string_view>{}(path.canonicalValue());
     }
 };

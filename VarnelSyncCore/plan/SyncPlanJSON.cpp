@@ -19,8 +19,9 @@ namespace {
 
 using Json = nlohmann::json;
 
-template <typename T>
-void putOptional(Json& json, const char* key, const std::optional<T>& value) {
+// std::optional and the compact optionals of FileSystemEntry.
+template <typename Optional>
+void putOptional(Json& json, const char* key, const Optional& value) {
     if (value) json[key] = *value;
 }
 
@@ -83,8 +84,13 @@ public:
         first_ = false;
         write(value);
     }
-    template <typename T>
-    void field(std::string_view key, const std::optional<T>& value) {
+    // std::optional and the compact optionals of FileSystemEntry.
+    template <typename Optional>
+        requires requires(const Optional& value) {
+            value.has_value();
+            *value;
+        }
+    void field(std::string_view key, const Optional& value) {
         if (value) field(key, *value);
     }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/BoxedOptional.hpp"
 #include "model/RelativePath.hpp"
 #include "scan/EntryKind.hpp"
 #include "scan/FileTimestamp.hpp"
@@ -19,11 +20,11 @@ struct FileSystemEntry {
     std::int64_t size = 0;             // logical size of regular files; 0 for every other kind
     std::int64_t allocatedBlocks = 0;  // 512-byte units
     FileTimestamp modificationTime;
-    std::optional<FileTimestamp> creationTime;  // absent where the file system keeps no birth time
+    OptionalTimestamp creationTime;  // absent where the file system keeps no birth time
     // st_ctime: moved by every change to the data or the metadata, and, unlike the
     // modification time, not settable by programs; absent where unknown.
-    std::optional<FileTimestamp> changeTime;
-    std::optional<std::string> symlinkTarget;  // links only; absent when readlink failed
+    OptionalTimestamp changeTime;
+    BoxedOptional<std::string> symlinkTarget;  // links only; absent when readlink failed
     std::uint64_t deviceID = 0;  // st_dev (Linux device numbers need more than 32 bits)
     std::uint64_t inode = 0;
     std::uint32_t ownerUID = 0;

@@ -50,7 +50,7 @@ void ProgressAggregator::setPhase(SyncPhase phase) {
 void ProgressAggregator::beginItem(const RelativePath& path, std::uint64_t size, std::string operation) {
     std::unique_lock lock(mutex_);
     startClockIfNeeded(clock_->nanoseconds());
-    inFlight_[path.value()] = InFlightItem{size, 0, std::move(operation), nextSequence_++};
+    inFlight_[std::string(path.value())] = InFlightItem{size, 0, std::move(operation), nextSequence_++};
     refreshCurrentItem();
     changed(lock, false);
 }

@@ -96,7 +96,7 @@ private:
     std::uint64_t bytesAtLastSample_ = 0;
     int filesAtLastSample_ = 0;
     std::optional<std::uint64_t> lastPublishTime_;
-    std::map<std::string, InFlightItem> inFlight_;  // by relative path text
+    std::map<std::string, InFlightItem, std::less<>> inFlight_;  // by relative path text
     SnapshotHandler snapshotHandler_;
     std::uint64_t nextSequence_ = 0;
     std::uint64_t bytesSettledUncopied_ = 0;  // planned bytes of finished items that were never copied

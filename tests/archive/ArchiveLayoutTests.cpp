@@ -30,7 +30,7 @@ TEST(ArchiveLayoutTest, RunFolderIsNamedByTheLocalSecondAndReadsBack) {
         EXPECT_EQ(ArchiveLayout::parseRunFolderName(name, "Europe/Berlin"), std::nullopt) << name;
     }
     EXPECT_EQ(ArchiveLayout::archivedPath(run, *RelativePath::fromString("Projects/old/a.txt")).value(),
-              run.value() + "/Projects/old/a.txt");
+              std::string(run.value()) + "/Projects/old/a.txt");
     EXPECT_EQ(ArchiveLayout::archiveRootPath("/media/backup"), "/media/backup/.VarnelSync-Archive");
 }
 

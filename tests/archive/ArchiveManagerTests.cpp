@@ -20,7 +20,7 @@ const std::string kRun = ".VarnelSync-Archive/" + kProfile + "/2025-03-07-141502
 std::vector<std::string> describe(const std::vector<ArchiveItem>& items) {
     std::vector<std::string> lines;
     for (const auto& item : items) {
-        lines.push_back(item.relativePath.value() + " " + std::string(toString(item.kind)) + " " +
+        lines.push_back(std::string(item.relativePath.value()) + " " + std::string(toString(item.kind)) + " " +
                         std::to_string(item.sizeBytes) + (item.isAccessible ? "" : " inaccessible"));
     }
     return lines;

@@ -47,17 +47,17 @@ TEST(ArchiveMoverTest, ItemsKeepTheirRelativePathBelowTheRunFolder) {
 
     // Deepest first, as the plan orders archive moves: the folders are merged last.
     const auto moved = mover.move(root, rel("Projects/old/a.txt"), kRun);
-    EXPECT_EQ(moved, (ArchiveMover::Result{rel(kRun.value() + "/Projects/old/a.txt"), 5, false}));
+    EXPECT_EQ(moved, (ArchiveMover::Result{rel(std::string(kRun.value()) + "/Projects/old/a.txt"), 5, false}));
     mover.move(root, rel("Projects/old/b.txt"), kRun);
     mover.move(root, rel("Projects/old"), kRun);
     mover.move(root, rel("Projects"), kRun);
     // A folder whose contents were not planned one by one goes in one rename.
     EXPECT_EQ(mover.move(root, rel("Gone"), kRun).bytesArchived, 0U);
 
-    const fs::path archive = destination / kRun.value();
-    EXPECT_EQ(destination.readFile(kRun.value() + "/Projects/old/a.txt"), "12345");
-    EXPECT_EQ(destination.readFile(kRun.value() + "/Projects/old/b.txt"), "b");
-    EXPECT_EQ(destination.readFile(kRun.value() + "/Gone/deep/c.txt"), "c");
+    const fs::path archive = destination / std::string(kRun.value());
+    EXPECT_EQ(destination.readFile(std::string(kRun.value()) + "/Projects/old/a.txt"), "12345");
+    EXPECT_EQ(destination.readFile(std::string(kRun.value()) + "/Projects/old/b.txt"), "b");
+    EXPECT_EQ(destination.readFile(std::string(kRun.value()) + "/Gone/deep/c.txt"), "c");
     EXPECT_FALSE(fs::exists(destination / "Projects"));
     EXPECT_FALSE(fs::exists(destination / "Gone"));
 
@@ -66,7 +66,7 @@ TEST(ArchiveMoverTest, ItemsKeepTheirRelativePathBelowTheRunFolder) {
     EXPECT_EQ(failureOf([&] { mover.move(root, rel("Projects/old/a.txt"), kRun); }),
               "archive_failed: Could not move “Projects/old/a.txt” to the archive folder. File exists");
     EXPECT_EQ(destination.readFile("Projects/old/a.txt"), "new");
-    EXPECT_EQ(destination.readFile(kRun.value() + "/Projects/old/a.txt"), "12345");
+    EXPECT_EQ(destination.readFile(std::string(kRun.value()) + "/Projects/old/a.txt"), "12345");
 
     EXPECT_NE(failureOf([&] { mover.move(root, rel(".VarnelSync-Archive"), kRun); }), "");
 }
@@ -99,7 +99,7 @@ TEST(ArchiveMoverTest, AnItemOnAnotherFileSystemIsCopiedThenRemoved) {
 
     // A folder there is recreated in the archive and emptied item by item.
     EXPECT_TRUE(mover.move(root, rel("mnt/sub"), kRun).copiedAcrossDevices);
-    const std::string archived = kRun.value() + "/mnt/sub/";
+    const std::string archived = std::string(kRun.value()) + "/mnt/sub/";
     EXPECT_EQ(destination.readFile(archived + "x.txt"), "xx");
     EXPECT_EQ(destination.readFile(archived + "deeper/y.txt"), "yyy");
     EXPECT_EQ(fs::read_symlink(destination / (archived + "link")), "x.txt");
@@ -115,7 +115,7 @@ TEST(ArchiveMoverTest, AFailedCopyLeavesTheOriginalInPlace) {
     other.deviceID = 2;
     fileSystem->setVolume("/dst/mnt", other);  // another file system mounted inside the destination
     const EndpointRoot root = fileSystem->openRoot("/dst");
-    const std::string archived = "/dst/" + kRun.value() + "/mnt/sub/";
+    const std::string archived = "/dst/" + std::string(kRun.value()) + "/mnt/sub/";
 
     const ArchiveMover mover(*fileSystem, std::make_shared<CopyEngineArchiveCopier>(copyEngine(fileSystem)));
     fileSystem->failNext("copy_file_range", ENOSPC);

@@ -85,7 +85,7 @@ TEST(RelativePathTest, CanonicalEquivalenceWithoutChangingTheStoredValue) {
     std::unordered_set<RelativePath> set{*a};
     EXPECT_TRUE(set.contains(*b));
 
-    // Copies carry their own canonical form and outlive the original.
+    // Copies share the text, canonical form included, and outlive the original.
     std::optional<RelativePath> original = RelativePath::fromString(decomposed);
     RelativePath copy(*original);
     RelativePath assigned = *RelativePath::fromString("x");
@@ -105,7 +105,7 @@ TEST(RelativePathTest, OrdersByCanonicalScalarValuesWithSlashBelowLetters) {
     std::set<RelativePath> ordered;
     for (const char* value : {"b", "a/b", "a-b", "a", "\xC3\xA9", "Z"}) ordered.insert(*RelativePath::fromString(value));
     std::vector<std::string> values;
-    for (const auto& path : ordered) values.push_back(path.value());
+    for (const auto& path : ordered) values.emplace_back(path.value());
     EXPECT_EQ(values, (std::vector<std::string>{"Z", "a", "a-b", "a/b", "b", "\xC3\xA9"}));
 }
 

@@ -1,5 +1,7 @@
 #include "plan/SyncAction.hpp"
 
+#include "common/DecodingError.hpp"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -70,6 +72,15 @@ TEST(SyncActionJSONTest, CompactTextIsWhatTheDocumentWriterGives) {
             nlohmann::json(action).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
         EXPECT_EQ(fast, "prefix " + expected);
     }
+
+    // Each optional reads back as written, present or absent; a time no clock gives is refused
+    // rather than read as an absent one.
+    for (const auto& entry : {full, bare, odd}) {
+        EXPECT_EQ(nlohmann::json(entry).get<FileSystemEntry>(), entry);
+    }
+    nlohmann::json badTime = full;
+    badTime["changeTime"]["nanoseconds"] = -1;
+    EXPECT_THROW((void)badTime.get<FileSystemEntry>(), DecodingError);
 }
 
 }  // namespace

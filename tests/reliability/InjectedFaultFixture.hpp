@@ -75,7 +75,7 @@ protected:
         const RecordedError& error = result.errors.front();
         EXPECT_EQ(error.code, code) << error.message;
         EXPECT_THAT(error.message, ::testing::HasSubstr(std::strerror(errnoValue)));
-        const std::string failed = error.relativePath->value();
+        const std::string failed(error.relativePath->value());
         EXPECT_EQ(notYetGenerationOne(), std::vector<std::string>{failed});
         if (const auto old = tree.item(failed, 0); old && old->kind == Kind::file) {
             EXPECT_EQ(readTextFileIfRegular(destination() / failed), tree.expectedContents(failed, 0)) << failed;

@@ -23,7 +23,7 @@ ExclusionEngine noRules(HiddenFilePolicy hidden = HiddenFilePolicy::include) {
 
 std::vector<std::string> pathsOf(const ScanResult& result) {
     std::vector<std::string> paths;
-    for (const auto& entry : result.orderedEntries()) paths.push_back(entry.relativePath.value());
+    for (const auto& entry : result.orderedEntries()) paths.emplace_back(entry.relativePath.value());
     return paths;
 }
 

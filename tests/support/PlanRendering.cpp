@@ -6,7 +6,7 @@ std::vector<std::string> renderActions(const SyncPlan& plan) {
     std::vector<std::string> rendered;
     rendered.reserve(plan.actions.size());
     for (const auto& action : plan.actions) {
-        rendered.push_back(std::string(toString(action.type)) + " " + action.relativePath.value());
+        rendered.push_back(std::string(toString(action.type)) + " " + std::string(action.relativePath.value()));
     }
     return rendered;
 }
