@@ -93,6 +93,7 @@ public:
     std::string canonicalPath(const std::string& absolutePath) override;
     void makeDirectoryAtPath(const std::string& absolutePath, std::uint16_t mode) override;
     VolumeInfo volumeInfo(const std::string& absolutePath) override;
+    std::optional<int> volumeFailure(const EndpointRoot& root) override;
 
 private:
     struct Trigger {
