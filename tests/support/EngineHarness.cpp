@@ -18,6 +18,7 @@ EngineHarness::EngineHarness(const fs::path& work, bool watchVolumes) {
     fs::create_directories(work);
     auto real = std::make_shared<RealFileSystem>(true);
     fileSystem = std::make_shared<FaultInjectingFileSystem>(real);
+    fileSystem->checksVolumes = watchVolumes;
     auto clock = std::make_shared<SteadyMonotonicClock>();
     flusher = std::make_shared<FaultInjectingFlusher>(std::make_shared<POSIXFileFlusher>(clock));
     auto logStore = std::make_shared<RunLogStore>(work / "logs");

@@ -20,7 +20,8 @@ namespace varnel::testing {
 //     const SyncRunResult result = engine.sync(id).result;
 class EngineHarness {
 public:
-    // `watchVolumes`: with the real mount-table monitor, which stops a run whose drive goes.
+    // `watchVolumes`: with the real mount-table monitor and the file system's own
+    // vanished-volume check, which stop a run whose drive goes.
     explicit EngineHarness(const std::filesystem::path& work, bool watchVolumes = false);
 
     // A saved profile from the new-profile preferences with the given options.

@@ -306,7 +306,7 @@ VolumeInfo FaultInjectingFileSystem::volumeInfo(const std::string& absolutePath)
 }
 
 std::optional<int> FaultInjectingFileSystem::volumeFailure(const EndpointRoot& root) {
-    return inner_->volumeFailure(root);
+    return checksVolumes ? inner_->volumeFailure(root) : std::nullopt;
 }
 
 }  // namespace varnel::testing
