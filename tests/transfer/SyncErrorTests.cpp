@@ -59,8 +59,8 @@ TEST(SyncErrorTest, EveryCaseHasItsOwnStableCode) {
     EXPECT_EQ(seenCases.size(), std::variant_size_v<SyncError::Case>) << "every case needs its own row";
 }
 
-// Only the sentences with parts worked out at run time; fixed wording is not repeated here.
-TEST(SyncErrorTest, ComputedPartsOfTheSentences) {
+// Only the sentences holding values worked out at run time; fixed wording is not repeated here.
+TEST(SyncErrorTest, SentencesWithValuesWorkedOutAtRunTime) {
     EXPECT_EQ(SyncError(E::InsufficientDestinationSpace{1'500'000'000, 999}).message(),
               "Not enough space on the destination. This run needs about 1.5 GB but only 999 bytes is free.");
     EXPECT_EQ(SyncError(E::VerificationFailed{path("x"), "0123456789abcdef0123", "fedcba9876543210fedc"}).message(),
