@@ -3,7 +3,7 @@
 #include "archive/CopyEngineArchiveCopier.hpp"
 #include "scan/RealFileSystem.hpp"
 #include "support/FakeFileSystem.hpp"
-#include "support/ScratchMounts.hpp"
+#include "support/MountSandbox.hpp"
 #include "support/TemporaryDirectory.hpp"
 #include "transfer/FileFlushing.hpp"
 #include "transfer/SyncError.hpp"
@@ -80,11 +80,10 @@ FileCopyEngine copyEngine(std::shared_ptr<FileSystemProviding> fileSystem) {
 }
 
 TEST(ArchiveMoverTest, AnItemOnAnotherFileSystemIsCopiedThenRemoved) {
-    if (const auto why = ScratchMounts::unavailableReason(); !why.empty()) GTEST_SKIP() << why;
+    if (const auto why = MountSandbox::unavailableReason(); !why.empty()) GTEST_SKIP() << why;
     TemporaryDirectory destination;
-    ScratchMounts mounts(destination.path());
-    std::string whyNot;
-    if (mounts.mountVirtual("tmpfs", "mnt", "", whyNot).empty()) GTEST_SKIP() << whyNot;
+    MountSandbox mounts;
+    ASSERT_EQ(mounts.mountMemory(destination / "mnt", ""), "");
     destination.writeFile("mnt/sub/x.txt", "xx");
     destination.writeFile("mnt/sub/deeper/y.txt", "yyy");
     fs::create_symlink("x.txt", destination / "mnt/sub/link");

@@ -91,23 +91,6 @@ TEST_F(JSONProfileStoreTest, SavingTwiceLeavesExactlyOneCompleteFileInSortedPret
     EXPECT_LT(position("sourceDisplayPath"), position("verification"));
 }
 
-TEST_F(JSONProfileStoreTest, ATruncatedFileIsMovedAsideUnderACorruptMarkedNameAndReported) {
-    directory.writeFile("profiles.json", R"({"version": 1, "profiles": [{"id": "0F8F)");
-    const std::string detail = profileStoreDetail([&] { store.load(); });
-    EXPECT_THAT(detail, StartsWith("The saved profiles could not be read and were moved to "
-                                   "profiles.corrupt-1767225600.json"));
-    EXPECT_EQ(directory.readFile("profiles.corrupt-1767225600.json"), R"({"version": 1, "profiles": [{"id": "0F8F)");
-    EXPECT_FALSE(fs::exists(file));
-    EXPECT_TRUE(store.load().empty());
-
-    // A second damaged file in the same second never replaces the first one kept aside.
-    directory.writeFile("profiles.json", "not json");
-    EXPECT_THAT(profileStoreDetail([&] { store.load(); }),
-                StartsWith("The saved profiles could not be read and were moved to profiles.corrupt-1767225600-2.json"));
-    EXPECT_EQ(directory.readFile("profiles.corrupt-1767225600.json"), R"({"version": 1, "profiles": [{"id": "0F8F)");
-    EXPECT_EQ(directory.readFile("profiles.corrupt-1767225600-2.json"), "not json");
-}
-
 TEST_F(JSONProfileStoreTest, OneBadProfileOrAnUnknownVersionFailsTheWholeDocument) {
     const nlohmann::json good = profileNamed("Good");
     nlohmann::json bad = profileNamed("Bad");

@@ -1,8 +1,6 @@
-#include "common/DecodingError.hpp"
 #include "model/RelativePath.hpp"
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include <optional>
 #include <set>
@@ -107,21 +105,6 @@ TEST(RelativePathTest, OrdersByCanonicalScalarValuesWithSlashBelowLetters) {
     std::vector<std::string> values;
     for (const auto& path : ordered) values.emplace_back(path.value());
     EXPECT_EQ(values, (std::vector<std::string>{"Z", "a", "a-b", "a/b", "b", "\xC3\xA9"}));
-}
-
-TEST(RelativePathTest, JsonRoundTripAndRefusal) {
-    const auto path = *RelativePath::fromString("a/b c");
-    const nlohmann::json json = path;
-    EXPECT_EQ(json, "a/b c");
-    EXPECT_EQ(nlohmann::json(RelativePath()).get<std::string>(), "");
-    EXPECT_EQ(json.get<RelativePath>(), path);
-
-    try {
-        (void)nlohmann::json("../etc").get<RelativePath>();
-        FAIL() << "decoding ../etc must fail";
-    } catch (const DecodingError& error) {
-        EXPECT_STREQ(error.what(), "Invalid relative path: ../etc");
-    }
 }
 
 }  // namespace

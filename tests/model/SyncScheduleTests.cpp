@@ -1,9 +1,6 @@
 #include "model/SyncSchedule.hpp"
 
-#include "common/DecodingError.hpp"
-
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include <stdexcept>
 
@@ -27,16 +24,6 @@ SyncSchedule daily(int hour, int minute) {
     schedule.hour = hour;
     schedule.minute = minute;
     return schedule;
-}
-
-TEST(SyncSchedule, DefaultIsOffAtNineInTheEveningOnSundaysCountingFrom1970) {
-    const SyncSchedule schedule;
-    EXPECT_EQ(schedule.kind, Kind::off);
-    EXPECT_EQ(schedule.intervalHours, 6);
-    EXPECT_EQ(schedule.hour, 21);
-    EXPECT_EQ(schedule.minute, 0);
-    EXPECT_EQ(schedule.weekday, 1);
-    EXPECT_EQ(formatISO8601(schedule.since), "1970-01-01T00:00:00Z");
 }
 
 TEST(SyncSchedule, HourlyCountsFromTheLaterOfLastRunAndSince) {
@@ -111,24 +98,6 @@ TEST(SyncSchedule, ImpossibleTimesAndUnknownZonesAreRefusedRatherThanSearchedFor
     EXPECT_THROW(daily(12, 0).nextRunDate(std::nullopt, "Mars/Olympus_Mons"), std::invalid_argument);
     // The user's own zone always yields some date for a valid daily time.
     EXPECT_TRUE(daily(12, 0).nextRunDate(at("2026-01-15T10:00:00Z")).has_value());
-}
-
-TEST(SyncSchedule, StoredFormRequiresEveryKey) {
-    SyncSchedule schedule = daily(7, 5);
-    schedule.since = at("2026-02-03T04:05:06Z");
-    const nlohmann::json json = schedule;
-    EXPECT_EQ(json.get<SyncSchedule>(), schedule);
-    EXPECT_EQ(json.at("kind"), "daily");
-    EXPECT_EQ(json.at("since"), "2026-02-03T04:05:06Z");
-
-    for (const char* key : {"kind", "intervalHours", "hour", "minute", "weekday", "since"}) {
-        nlohmann::json damaged = json;
-        damaged.erase(key);
-        EXPECT_THROW(damaged.get<SyncSchedule>(), DecodingError) << key;
-    }
-    nlohmann::json unknownKind = json;
-    unknownKind["kind"] = "monthly";
-    EXPECT_THROW(unknownKind.get<SyncSchedule>(), DecodingError);
 }
 
 }  // namespace

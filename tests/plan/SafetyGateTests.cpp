@@ -77,11 +77,8 @@ TEST(SafetyGateTest, FreeSpaceSplitsThreeWays) {
 
     const auto tight = withFree(3 * GB - 1);
     EXPECT_TRUE(tight.blockers.empty());
-    ASSERT_EQ(tight.concerns.size(), 1u);
-    EXPECT_EQ(tight.concerns[0],
-              (SafetyGate::Concern{"free-space-tight", Severity::advisory, "Destination space is tight",
-                                   "This run writes about 2 GB and 3 GB is free. That leaves less than the 1 GB of "
-                                   "headroom Varnel Sync prefers to keep."}));
+    EXPECT_EQ(ids(tight), std::vector<std::string>{"free-space-tight"});
+    EXPECT_EQ(tight.concerns[0].severity, Severity::advisory);
     EXPECT_EQ(ids(withFree(2 * GB)), std::vector<std::string>{"free-space-tight"});  // exactly writeBytes still fits
 
     const auto blocked = withFree(2 * GB - 1);
@@ -127,47 +124,24 @@ TEST(SafetyGateTest, ArchiveThresholdsAreStrict) {
     }
 }
 
-TEST(SafetyGateTest, ArchiveConcernTexts) {
-    const auto decision = gate.evaluate(archiving(500, 20 * GB, 2000));
-    ASSERT_EQ(decision.concerns.size(), 4u);
-    EXPECT_EQ(decision.concerns[0].title, "500 items will be removed from the destination");
-    EXPECT_EQ(decision.concerns[0].detail,
-              "That is more than the 100-item threshold for this profile. The items are moved to the Varnel Sync "
-              "archive folder, not deleted.");
-    EXPECT_EQ(decision.concerns[1].title, "25% of the destination will be removed");
-    EXPECT_EQ(decision.concerns[1].detail,
-              "500 of 2000 scanned destination items are not in the source. A large proportion often means the wrong "
-              "source folder was selected.");
-    EXPECT_EQ(decision.concerns[2].title, "20 GB will be moved to the archive");
-    EXPECT_EQ(decision.concerns[2].detail, "That exceeds the 10 GB threshold for this profile.");
-    EXPECT_EQ(decision.concerns[3].title, "500 items will be moved to the archive");
-    EXPECT_EQ(decision.concerns[3].detail,
-              "Mirror mode moves destination items that are no longer in the source into a timestamped archive "
-              "folder. Nothing is deleted.");
-}
-
-TEST(SafetyGateTest, EmptySourceAndPlanningErrors) {
+TEST(SafetyGateTest, AnEmptySourceIsSevereOnlyWhenMirrorWouldArchiveEverything) {
     const auto empty = [](SyncMode mode, std::int64_t destinationItems) {
         SyncPlan value = plan(mode);
         value.summary.totalSourceItemsScanned = 0;
         value.summary.totalDestinationItemsScanned = destinationItems;
-        return gate.evaluate(value);
+        const auto decision = gate.evaluate(value);
+        EXPECT_EQ(decision.concerns.size(), 1u);
+        return decision.concerns.empty() ? SafetyGate::Concern{} : decision.concerns[0];
     };
-    const SafetyGate::Concern advisory{"empty-source", Severity::advisory, "The source folder is empty",
-                                       "Nothing will be copied. Check that the correct folder is selected."};
-    EXPECT_EQ(empty(SyncMode::update, 40).concerns, std::vector<SafetyGate::Concern>{advisory});
-    EXPECT_EQ(empty(SyncMode::mirror, 0).concerns, std::vector<SafetyGate::Concern>{advisory});
-    const SafetyGate::Concern mirror{
-        "empty-source-mirror", Severity::severe, "The source folder is empty",
-        "The source contains no items but the destination has 40. Mirror mode would move all of them to the archive. "
-        "Check that the correct source folder is selected and that its drive is fully mounted."};
-    EXPECT_EQ(empty(SyncMode::mirror, 40).concerns, std::vector<SafetyGate::Concern>{mirror});
+    EXPECT_EQ(empty(SyncMode::update, 40).severity, Severity::advisory);
+    EXPECT_EQ(empty(SyncMode::mirror, 0).severity, Severity::advisory);
+    const auto mirror = empty(SyncMode::mirror, 40);
+    EXPECT_EQ(mirror.id, "empty-source-mirror");
+    EXPECT_EQ(mirror.severity, Severity::severe);
 
     SyncPlan errors = plan();
     errors.summary.errorCount = 3;
-    const SafetyGate::Concern planErrors{"plan-errors", Severity::advisory, "3 items could not be planned",
-                                         "Those items will be skipped. See the change preview for details."};
-    EXPECT_EQ(gate.evaluate(errors).concerns, std::vector<SafetyGate::Concern>{planErrors});
+    EXPECT_EQ(ids(gate.evaluate(errors)), std::vector<std::string>{"plan-errors"});
 }
 
 TEST(SafetyGateTest, OnlineOnlyDownloadsMustFitWhereTheyLand) {
@@ -183,11 +157,6 @@ TEST(SafetyGateTest, OnlineOnlyDownloadsMustFitWhereTheyLand) {
     const auto apart = downloads(false, 4 * GB - 1, 100 * GB);
     ASSERT_EQ(ids(apart), std::vector<std::string>{"online-only-space"});
     EXPECT_EQ(apart.concerns[0].severity, Severity::advisory);
-    EXPECT_EQ(apart.concerns[0].title, "The downloads may not fit on this computer");
-    EXPECT_EQ(apart.concerns[0].detail,
-              "4 GB of online-only files must be downloaded to this computer before they can be copied, and 4 GB is "
-              "free. Linux can remove other downloaded cloud files to make room; a download that still does not fit "
-              "fails, and that file is not copied.");
     // On one volume the downloads and the copies share the destination's space (5 GB);
     // the source's own figure is then beside the point.
     EXPECT_TRUE(downloads(true, 0, 5 * GB).concerns.empty());

@@ -9,23 +9,22 @@
 #include "model/JSONProfileStore.hpp"
 #include "transfer/SyncError.hpp"
 
+#include "support/ChildProcess.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <set>
 #include <string>
 #include <vector>
 
-namespace varnel {
+namespace varnel::testing {
 namespace {
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
-using testing::TemporaryDirectory;
 
 struct FixedClock final : Clock {
     Date now() const override { return *parseISO8601("2026-01-01T00:00:00Z"); }  // 1767225600
@@ -56,15 +55,6 @@ std::string repeated(const std::string& text, int count) {
     return result;
 }
 
-std::string readWhole(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeWhole(const fs::path& path, const std::string& contents) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
-}
-
 std::set<std::string> namesIn(const fs::path& folder) {
     std::set<std::string> names;
     for (const auto& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename().string());
@@ -92,12 +82,12 @@ protected:
         ASSERT_TRUE(detail.starts_with(kMovedMessage) && detail.ends_with(").")) << detail;
         EXPECT_GT(detail.size(), kMovedMessage.size() + 2) << "the reason is missing";
         EXPECT_EQ(namesIn(directory.path()), std::set<std::string>{kMovedName});
-        EXPECT_EQ(readWhole(directory / kMovedName), contents);
+        EXPECT_EQ(readTextFile(directory / kMovedName), contents);
         fs::remove(directory / kMovedName);
     }
 
     void expectSetAside(const std::string& contents) {
-        writeWhole(file, contents);
+        writeTextFile(file, contents);
         expectSetAside(contents, load());
     }
 
@@ -117,17 +107,17 @@ TEST_F(BrokenProfilesFileTest, EveryTruncationIsSetAsideAndNeverOverwritten) {
 
     // The empty file, exactly; then a save after the set-aside writes a new file and
     // leaves the old data where the message said.
-    writeWhole(file, "");
+    writeTextFile(file, "");
     EXPECT_EQ(load(), kMovedMessage +
                           "parse error at line 1, column 1: syntax error while parsing value - unexpected end of "
                           "input; expected '[', '{', or a literal).");
     const std::string half = document.substr(0, document.size() / 2);
-    writeWhole(file, half);
+    writeTextFile(file, half);
     EXPECT_THAT(load(), HasSubstr("moved to profiles.corrupt-1767225600-2.json ("));
     store.save({});
     EXPECT_TRUE(store.load().empty());
-    EXPECT_EQ(readWhole(directory / kMovedName), "");
-    EXPECT_EQ(readWhole(directory / "profiles.corrupt-1767225600-2.json"), half);
+    EXPECT_EQ(readTextFile(directory / kMovedName), "");
+    EXPECT_EQ(readTextFile(directory / "profiles.corrupt-1767225600-2.json"), half);
 }
 
 TEST_F(BrokenProfilesFileTest, EverySingleBitFlipEitherLoadsUntouchedOrIsSetAside) {
@@ -138,12 +128,12 @@ TEST_F(BrokenProfilesFileTest, EverySingleBitFlipEitherLoadsUntouchedOrIsSetAsid
             std::string flipped = document;
             flipped[byte] = static_cast<char>(flipped[byte] ^ (1 << bit));
             SCOPED_TRACE("byte " + std::to_string(byte) + " bit " + std::to_string(bit));
-            writeWhole(file, flipped);
+            writeTextFile(file, flipped);
             const std::string detail = load();
             if (detail.empty()) {
                 // Still a valid document (a changed letter in a name, say): left as it was.
                 EXPECT_EQ(namesIn(directory.path()), std::set<std::string>{"profiles.json"});
-                EXPECT_EQ(readWhole(file), flipped);
+                EXPECT_EQ(readTextFile(file), flipped);
             } else {
                 expectSetAside(flipped, detail);
                 ++setAside;
@@ -186,13 +176,13 @@ TEST_F(BrokenProfilesFileTest, DeepNestingIsSetAsideWithoutExhaustingTheStack) {
 
 TEST_F(BrokenProfilesFileTest, AFolderInPlaceOfTheFileIsSetAsideWithItsContents) {
     fs::create_directory(file);
-    writeWhole(file / "inside.txt", "kept");
+    writeTextFile(file / "inside.txt", "kept");
     EXPECT_EQ(load(), kMovedMessage + "Is a directory).");
-    EXPECT_EQ(readWhole(directory / kMovedName / "inside.txt"), "kept");
+    EXPECT_EQ(readTextFile(directory / kMovedName / "inside.txt"), "kept");
 
     store.save({});
     EXPECT_TRUE(store.load().empty());
-    EXPECT_EQ(readWhole(directory / kMovedName / "inside.txt"), "kept");
+    EXPECT_EQ(readTextFile(directory / kMovedName / "inside.txt"), "kept");
 }
 
 // Run logs ---------------------------------------------------------------------------
@@ -214,7 +204,7 @@ protected:
     }
 
     std::vector<LogRecord> readBack(const std::string& contents) {
-        writeWhole(path, contents);
+        writeTextFile(path, contents);
         return RunLogStore::readLog(path);
     }
 
@@ -254,4 +244,4 @@ TEST_F(DamagedRunLogTest, ADamagedLineBeforeTheLastStillFails) {
 }
 
 }  // namespace
-}  // namespace varnel
+}  // namespace varnel::testing

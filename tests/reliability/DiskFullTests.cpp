@@ -18,38 +18,38 @@ namespace varnel::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using FlusherOp = FaultInjectingFlusher::Operation;
 
 class InjectedDiskFullTests : public InjectedFaultFixture {};
 
-TEST_F(InjectedDiskFullTests, ENOSPCAtTheNthWriteFailsThatFileOnly) {
-    for (const int n : {1, 3, 7}) {
-        SCOPED_TRACE("write of copy " + std::to_string(n));
-        prepare(DurabilityMode::durable);
-        engine.fileSystem->atCall("copyFile", [&] { engine.fileSystem->failCopyWhenReached(1, ENOSPC); }, n);
-        expectOnlyOneItemFailed(engine.sync(profileID).result, "copy_failed", ENOSPC);
-        expectRerunCompletes();
-    }
-}
-
-TEST_F(InjectedDiskFullTests, ENOSPCAtTheNthFlushFailsThatFileOnly) {
-    for (const int n : {1, 5}) {
-        SCOPED_TRACE("flush " + std::to_string(n));
-        prepare(DurabilityMode::durable);
-        engine.flusher->failCall(FlusherOp::file, ENOSPC, n);
-        expectOnlyOneItemFailed(engine.sync(profileID).result, "file_fsync_failed", ENOSPC);
-        expectRerunCompletes();
-    }
-}
-
-// The run's first rename moves the type-changed item to the archive; the later ones
-// commit files.
-TEST_F(InjectedDiskFullTests, ENOSPCAtTheNthRenameFailsThatFileOnly) {
-    for (const int n : {2, 6}) {
-        SCOPED_TRACE("rename " + std::to_string(n));
-        prepare(DurabilityMode::fast);
-        engine.fileSystem->failCall("rename", ENOSPC, n);
-        expectOnlyOneItemFailed(engine.sync(profileID).result, "atomic_replace_failed", ENOSPC);
+// ENOSPC at the Nth write, flush or rename fails that one file only. The run's first
+// rename moves the type-changed item to the archive; the later ones commit files.
+TEST_F(InjectedDiskFullTests, ENOSPCAtTheNthWriteFlushOrRenameFailsThatFileOnly) {
+    struct Case {
+        const char* step;
+        int n;
+        DurabilityMode mode;
+        const char* code;
+    };
+    const Case cases[] = {
+        {"write", 1, DurabilityMode::durable, "copy_failed"},
+        {"write", 3, DurabilityMode::durable, "copy_failed"},
+        {"write", 7, DurabilityMode::durable, "copy_failed"},
+        {"flush", 1, DurabilityMode::durable, "file_fsync_failed"},
+        {"flush", 5, DurabilityMode::durable, "file_fsync_failed"},
+        {"rename", 2, DurabilityMode::fast, "atomic_replace_failed"},
+        {"rename", 6, DurabilityMode::fast, "atomic_replace_failed"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.step) + " " + std::to_string(c.n));
+        prepare(c.mode);
+        if (std::string(c.step) == "write") {
+            engine.fileSystem->atCall("copyFile", [&] { engine.fileSystem->failCopyWhenReached(1, ENOSPC); }, c.n);
+        } else if (std::string(c.step) == "flush") {
+            engine.flusher->failCall(FaultInjectingFlusher::file, ENOSPC, c.n);
+        } else {
+            engine.fileSystem->failCall("rename", ENOSPC, c.n);
+        }
+        expectOnlyOneItemFailed(engine.sync(profileID).result, c.code, ENOSPC);
         expectRerunCompletes();
     }
 }
@@ -79,16 +79,15 @@ protected:
     }
 
     TemporaryDirectory temporary;
-    MountSandbox mounts{temporary.path()};
+    MountSandbox mounts;
     std::unique_ptr<CommandLineRunner> cli;
 };
 
 // The plan fits by bytes, but each small file takes a whole page of tmpfs: once the 40
 // small new files are in, the 1.2 MB update no longer fits.
 TEST_F(RealDiskFullTests, ANearlyFullTmpfsFailsTheUpdateThatNoLongerFitsAndKeepsTheOldFile) {
-    std::string whyNot;
-    const fs::path destination = mounts.mountVirtual("tmpfs", "dst", "size=4m", whyNot);
-    ASSERT_FALSE(destination.empty()) << whyNot;
+    const fs::path destination = temporary / "dst";
+    ASSERT_EQ(mounts.mountMemory(destination, "size=4m"), "");
     const std::string oldBig = GenerationTree::contents("zz-big.bin", 0, 1'100'000);
     const std::string newBig = GenerationTree::contents("zz-big.bin", 1, 1'200'000);
     std::ofstream(destination / "zz-big.bin", std::ios::binary) << oldBig;
@@ -121,9 +120,8 @@ TEST_F(RealDiskFullTests, ANearlyFullTmpfsFailsTheUpdateThatNoLongerFitsAndKeeps
 
 // No inode left for a staging file: creating it fails, nothing was written anywhere.
 TEST_F(RealDiskFullTests, ATmpfsWithoutFreeInodesFailsAtTheStagingFileAndKeepsTheOldFile) {
-    std::string whyNot;
-    const fs::path destination = mounts.mountVirtual("tmpfs", "dst", "size=4m,nr_inodes=8", whyNot);
-    ASSERT_FALSE(destination.empty()) << whyNot;
+    const fs::path destination = temporary / "dst";
+    ASSERT_EQ(mounts.mountMemory(destination, "size=4m,nr_inodes=8"), "");
     std::ofstream(destination / "report.txt") << "old report";
     std::ofstream(temporary / "src/report.txt") << "new report, longer";
     // Use up every inode left.

@@ -8,7 +8,6 @@
 //
 // VARNEL_TEST_SEED and VARNEL_KILL_TRIALS (default 200) change the random trials.
 
-#include "HostileConditions.hpp"
 #include "common/TestHooks.hpp"
 #include "support/CommandLineRunner.hpp"
 #include "support/GenerationTree.hpp"
@@ -32,9 +31,6 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-using hostile::environmentNumber;
-using hostile::joined;
-
 // One work folder (a private tmpfs where mounts are allowed) holding both generations,
 // the source (generation 1 bound read-only where possible), the destination, its
 // generation 0 template, the sentinel folder and the program's TMPDIR.
@@ -44,9 +40,7 @@ protected:
         if (CommandLineRunner::binary().empty()) GTEST_SKIP() << CommandLineRunner::missingReason();
         work = temporary.path();
         if (MountSandbox::unavailableReason().empty()) {
-            std::string whyNot;
-            const std::string memory = mounts.mountVirtual("tmpfs", "work", "size=512m", whyNot);
-            if (!memory.empty()) work = memory;
+            if (mounts.mountMemory(temporary / "work", "size=512m").empty()) work = temporary / "work";
         }
         tree.write(work / "gen0", 0);
         tree.write(work / "gen1", 1);
@@ -73,10 +67,10 @@ protected:
     void useSource(int generation) {
         const fs::path tree = work / ("gen" + std::to_string(generation));
         if (fs::exists(source()) && readOnlySource) {
-            ASSERT_EQ(mounts.unmount(source().string()), "");
+            ASSERT_EQ(mounts.unmount(source()), "");
         }
         if (MountSandbox::unavailableReason().empty()) {
-            ASSERT_EQ(mounts.bindReadOnly(tree.string(), source().string()), "");
+            ASSERT_EQ(mounts.bindReadOnly(tree, source()), "");
             readOnlySource = true;
         } else {
             fs::remove_all(source());
@@ -114,7 +108,7 @@ protected:
     }
 
     TemporaryDirectory temporary;
-    MountSandbox mounts{temporary.path()};
+    MountSandbox mounts;
     GenerationTree tree{GenerationTree::Shape{2, 3, 9 << 20, true}};  // big.bin spans two copy blocks
     fs::path work;
     bool readOnlySource = false;

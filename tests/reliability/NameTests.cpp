@@ -5,9 +5,11 @@
 // clash is reported, nothing is overwritten silently, and a rerun copies nothing despite
 // their coarse timestamps.
 
-#include "HostileConditions.hpp"
-
 #include "common/Unicode.hpp"
+#include "support/ChildProcess.hpp"
+#include "support/EngineHarness.hpp"
+#include "support/MountSandbox.hpp"
+#include "support/SyncChecker.hpp"
 #include "support/TemporaryDirectory.hpp"
 #include "transfer/PartialFileNaming.hpp"
 
@@ -20,7 +22,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace varnel {
+namespace varnel::testing {
 namespace {
 
 namespace fs = std::filesystem;
@@ -73,7 +75,7 @@ bool isStagingLeftover(const std::string& relative) {
 }
 
 TEST(Names, OnACaseSensitiveVolumeTheTreeIsReproducedAsTheRulesSay) {
-    testing::TemporaryDirectory work;
+    TemporaryDirectory work;
     const fs::path source = work / "src";
     const fs::path destination = work / "dst";
     fs::create_directories(source);
@@ -87,12 +89,12 @@ TEST(Names, OnACaseSensitiveVolumeTheTreeIsReproducedAsTheRulesSay) {
     writeBeneath(source, deepComponents(), "at the bottom");
     ASSERT_GT(deepPath().size(), 6000U);
 
-    hostile::AppHarness harness(work / "app");
-    const Uuid id = harness.addProfile(SyncMode::update, source, destination);
-    auto outcome = harness.analyze(id);
+    EngineHarness harness(work / "app");
+    const Uuid id = harness.addProfile(source, destination, SyncMode::update);
+    auto outcome = harness.application->analyze(id);
     CancellationFlag flag;
     const SyncRunResult result = harness.synchronize(outcome, flag);
-    const std::string messages = hostile::planMessages(outcome.plan) + hostile::runMessages(result);
+    const std::string messages = messagesOf(result, &outcome.plan);
     EXPECT_EQ(result.filesFailed, 0) << messages;
 
     // Not UTF-8: skipped, and said so for each folder that holds one.
@@ -110,19 +112,19 @@ TEST(Names, OnACaseSensitiveVolumeTheTreeIsReproducedAsTheRulesSay) {
         << messages;
 
     // Everything else, byte for byte, including the path of over 6,000 bytes.
-    auto expected = hostile::treeState(source);
+    auto expected = treeState(source);
     expected.erase(kInvalidUTF8);
     expected.erase("sub/" + kInvalidUTF8);
     expected.erase(skipped);
-    EXPECT_EQ(hostile::treeState(destination), expected);
-    EXPECT_EQ(hostile::treeState(destination).count(deepPath()), 1U);
+    EXPECT_EQ(treeState(destination), expected);
+    EXPECT_EQ(treeState(destination).count(deepPath()), 1U);
     EXPECT_EQ(result.filesCopied, static_cast<int>(std::count_if(expected.begin(), expected.end(), [](const auto& item) {
                                       return item.second.starts_with("file:");
                                   })));
 
-    const SyncRunResult again = harness.sync(id);
-    EXPECT_EQ(again.filesCopied + again.filesUpdated, 0) << hostile::runMessages(again);
-    EXPECT_EQ(hostile::treeState(destination), expected);
+    const SyncRunResult again = harness.sync(id).result;
+    EXPECT_EQ(again.filesCopied + again.filesUpdated, 0) << messagesOf(again);
+    EXPECT_EQ(treeState(destination), expected);
 }
 
 // A case-insensitive destination through FUSE: both spellings of a name come from a
@@ -130,18 +132,14 @@ TEST(Names, OnACaseSensitiveVolumeTheTreeIsReproducedAsTheRulesSay) {
 class CaseInsensitiveDestination : public ::testing::TestWithParam<const char*> {
 protected:
     void SetUp() override {
-        if (const auto why = hostile::mountsUnavailable(); !why.empty()) GTEST_SKIP() << why;
+        if (const auto why = MountSandbox::unavailableReason(); !why.empty()) GTEST_SKIP() << why;
         const std::string kind = GetParam();
         const fs::path image = work / (kind + ".img");
         const fs::path mountPoint = work / "drive";
         std::string why;
         if (kind == "fat") {
-            if (!hostile::haveProgram("mkfs.vfat")) GTEST_SKIP() << "mkfs.vfat (dosfstools) is not installed";
-            const int fd = ::open(image.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            const bool sized = fd >= 0 && ::ftruncate(fd, off_t{64} << 20) == 0;
-            if (fd >= 0) ::close(fd);
-            ASSERT_TRUE(sized);
-            ASSERT_EQ(hostile::run({"mkfs.vfat", image.string()}), 0);
+            if (!haveProgram("mkfs.vfat")) GTEST_SKIP() << "mkfs.vfat (dosfstools) is not installed";
+            ASSERT_EQ(runProgram({"mkfs.vfat", "-C", image.string(), "65536"}), 0);
             pid_t fusefat = -1;
             // The kernel here has no vfat: FAT through FUSE, as the user would mount it.
             why = mounts.mountFuse({"fusefat", "-f", "-o", "rw+", image.string(), mountPoint.string()}, mountPoint,
@@ -154,31 +152,31 @@ protected:
         fs::create_directories(destination);
     }
 
-    testing::TemporaryDirectory work;
-    hostile::Mounts mounts;
+    TemporaryDirectory work;
+    MountSandbox mounts;
     fs::path destination;
 };
 
 TEST_P(CaseInsensitiveDestination, ACaseClashIsReportedNothingIsOverwrittenAndARerunCopiesNothing) {
     const fs::path source = work / "src";
-    hostile::writeAll(source / "Readme.txt", "the first readme");
-    hostile::writeAll(source / "README.TXT", "THE SECOND README");
-    hostile::writeAll(source / "album" / "Photo.JPG", "photo, upper case");
-    hostile::writeAll(source / "album" / "photo.jpg", "photo, lower case");
-    hostile::writeAll(source / "notes.txt", "plain notes");
+    writeTextFile(source / "Readme.txt", "the first readme");
+    writeTextFile(source / "README.TXT", "THE SECOND README");
+    writeTextFile(source / "album" / "Photo.JPG", "photo, upper case");
+    writeTextFile(source / "album" / "photo.jpg", "photo, lower case");
+    writeTextFile(source / "notes.txt", "plain notes");
     // An item already on the drive, only under another case than a source item.
-    hostile::writeAll(destination / "TODO.TXT", "the drive's own list");
-    hostile::writeAll(source / "todo.txt", "the source's list, which is a different file");
+    writeTextFile(destination / "TODO.TXT", "the drive's own list");
+    writeTextFile(source / "todo.txt", "the source's list, which is a different file");
 
-    hostile::AppHarness harness(work / "app");
-    const Uuid id = harness.addProfile(SyncMode::update, source, destination);
-    auto outcome = harness.analyze(id);
+    EngineHarness harness(work / "app");
+    const Uuid id = harness.addProfile(source, destination, SyncMode::update);
+    auto outcome = harness.application->analyze(id);
     CancellationFlag flag;
     const SyncRunResult result = harness.synchronize(outcome, flag);
-    const std::string messages = hostile::planMessages(outcome.plan) + hostile::runMessages(result);
+    const std::string messages = messagesOf(result, &outcome.plan);
     EXPECT_EQ(result.filesFailed, 0) << messages;
 
-    const auto destinationState = hostile::treeState(destination);
+    const auto destinationState = treeState(destination);
     for (const auto& [relative, state] : destinationState) {
         EXPECT_FALSE(isStagingLeftover(relative)) << relative;
     }
@@ -190,13 +188,13 @@ TEST_P(CaseInsensitiveDestination, ACaseClashIsReportedNothingIsOverwrittenAndAR
         const bool secondReported = messages.find("“" + second + "” cannot be distinguished") != std::string::npos;
         EXPECT_NE(firstReported, secondReported) << first << "\n" << messages;
         const std::string kept = firstReported ? second : first;
-        EXPECT_EQ(hostile::readAll(destination / kept), hostile::readAll(source / kept)) << kept;
+        EXPECT_EQ(readTextFile(destination / kept), readTextFile(source / kept)) << kept;
         const auto sameName = std::count_if(destinationState.begin(), destinationState.end(), [&](const auto& item) {
             return unicode::toLower(item.first) == unicode::toLower(first);
         });
         EXPECT_EQ(sameName, 1) << first;
     }
-    EXPECT_EQ(hostile::readAll(destination / "notes.txt"), "plain notes");
+    EXPECT_EQ(readTextFile(destination / "notes.txt"), "plain notes");
     // "todo.txt" matches the drive's "TODO.TXT" under the drive's rules: an update of that
     // one item, by the newer source, never a second file beside it.
     EXPECT_EQ(std::count_if(destinationState.begin(), destinationState.end(),
@@ -204,16 +202,16 @@ TEST_P(CaseInsensitiveDestination, ACaseClashIsReportedNothingIsOverwrittenAndAR
               1);
 
     // FAT keeps times to 2 seconds and these drivers to the second: nothing looks changed.
-    auto rerun = harness.analyze(id);
-    EXPECT_NE(hostile::planMessages(rerun.plan).find("cannot be distinguished"), std::string::npos)
+    auto rerun = harness.application->analyze(id);
+    EXPECT_NE(messagesOf({}, &rerun.plan).find("cannot be distinguished"), std::string::npos)
         << "the clash is reported again";
     const SyncRunResult again = harness.synchronize(rerun, flag);
-    EXPECT_EQ(again.filesCopied + again.filesUpdated, 0) << hostile::runMessages(again);
-    EXPECT_EQ(again.filesFailed, 0) << hostile::runMessages(again);
-    EXPECT_EQ(hostile::treeState(destination), destinationState);
+    EXPECT_EQ(again.filesCopied + again.filesUpdated, 0) << messagesOf(again);
+    EXPECT_EQ(again.filesFailed, 0) << messagesOf(again);
+    EXPECT_EQ(treeState(destination), destinationState);
 }
 
 INSTANTIATE_TEST_SUITE_P(Volumes, CaseInsensitiveDestination, ::testing::Values("fat", "exfat"));
 
 }  // namespace
-}  // namespace varnel
+}  // namespace varnel::testing

@@ -15,7 +15,6 @@
 // VARNEL_TEST_SEED and VARNEL_POWER_CUT_TRIALS (default 26 per file system and mode)
 // change the trials.
 
-#include "HostileConditions.hpp"
 #include "common/TestHooks.hpp"
 #include "InjectedFaultFixture.hpp"
 #include "support/CommandLineRunner.hpp"
@@ -43,9 +42,6 @@ using Clock = std::chrono::steady_clock;
 #define EXT4_IOC_SHUTDOWN _IOR('X', 125, __u32)
 #endif
 constexpr __u32 kShutdownWithoutLogFlush = 0x2;  // EXT4_GOING_FLAGS_NOLOGFLUSH, XFS_FSOP_GOING_FLAGS_NOLOGFLUSH
-
-using hostile::environmentNumber;
-using hostile::joined;
 
 struct FileSystemKind {
     std::string name;
@@ -78,12 +74,11 @@ protected:
     void SetUp() override {
         if (auto why = MountSandbox::unavailableReason(); !why.empty()) GTEST_SKIP() << why;
         if (CommandLineRunner::binary().empty()) GTEST_SKIP() << CommandLineRunner::missingReason();
-        std::string whyNot;
-        work = mounts.mountVirtual("tmpfs", "work", "size=1g", whyNot);  // images too: flushes cost nothing
-        ASSERT_FALSE(work.empty()) << whyNot;
+        work = temporary / "work";
+        ASSERT_EQ(mounts.mountMemory(work, "size=1g"), "");  // images too: flushes cost nothing
         tree.write(work / "gen0", 0);
         tree.write(work / "gen1", 1);
-        ASSERT_EQ(mounts.bindReadOnly((work / "gen1").string(), (work / "source").string()), "");
+        ASSERT_EQ(mounts.bindReadOnly(work / "gen1", work / "source"), "");
         fs::create_directories(work / "outside");
         std::ofstream(work / "outside/sentinel.txt") << "nothing may change here";
         cli = std::make_unique<CommandLineRunner>(work / "tmp");
@@ -94,9 +89,12 @@ protected:
         if (kind.viaXfsIo && runProgram({"sh", "-c", "command -v xfs_io"}) != 0) {
             return "xfs_io is not installed (xfsprogs), so xfs cannot be shut down";
         }
-        std::string whyNot;
-        destination = mountsOnWork().mountImage(kind.name, kind.mkfs, kind.imageBytes, whyNot, kind.mountOptions);
-        if (destination.empty()) return kind.name + ": " + whyNot;
+        destination = work / kind.name;
+        if (auto why = mounts.mountImage(work / (kind.name + ".img"), kind.mkfs, kind.imageBytes, destination,
+                                         kind.mountOptions);
+            !why.empty()) {
+            return kind.name + ": " + why;
+        }
         fs::create_directories(destination / "dst");
         // Generation 0 in a template beside, made by the program itself.
         fs::create_directories(work / "gen0-dst");
@@ -109,11 +107,6 @@ protected:
                                   {"--mode", "mirror", "--durability", durability});
         checker = std::make_unique<SyncChecker>(tree, work / "source", destination / "dst", work / "outside");
         return "";
-    }
-
-    MountSandbox& mountsOnWork() {
-        if (!workMounts) workMounts = std::make_unique<MountSandbox>(work);
-        return *workMounts;
     }
 
     // The destination back to generation 0, all of it on the device.
@@ -147,7 +140,7 @@ protected:
             run.kill();
         }
         run.wait();
-        EXPECT_EQ(mountsOnWork().remount(destination.string()), "");
+        EXPECT_EQ(mounts.remount(destination), "");
         return checker->check(SyncChecker::Moment::interrupted);
     }
 
@@ -213,8 +206,7 @@ protected:
     }
 
     TemporaryDirectory temporary;
-    MountSandbox mounts{temporary.path()};
-    std::unique_ptr<MountSandbox> workMounts;
+    MountSandbox mounts;
     GenerationTree tree;
     fs::path work;
     fs::path destination;

@@ -7,8 +7,10 @@
 // crashing. A naive path-based writer under the same attacker must escape, which
 // proves the attack and the checks are real.
 
-#include "HostileConditions.hpp"
-
+#include "support/ChildProcess.hpp"
+#include "support/EngineHarness.hpp"
+#include "support/MountSandbox.hpp"
+#include "support/SyncChecker.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 #include <gtest/gtest.h>
@@ -25,7 +27,7 @@
 #include <set>
 #include <thread>
 
-namespace varnel {
+namespace varnel::testing {
 namespace {
 
 namespace fs = std::filesystem;
@@ -146,21 +148,21 @@ protected:
         // On a tmpfs of its own where mounts are possible: 5,000 files and their copies
         // come and go in no time, whatever else the disk is doing.
         base = work.path();
-        if (hostile::mountsUnavailable().empty() && mounts.mountTmpfs(work / "fs", "size=512m").empty()) {
+        if (MountSandbox::unavailableReason().empty() && mounts.mountMemory(work / "fs", "size=512m").empty()) {
             base = work / "fs";
         }
         at = {base / "src", base / "dst", base / "outside", base / "secret.txt"};
         for (int folder = 0; folder < kFolders; ++folder) {
             for (int file = 0; file < kFilesPerFolder; ++file) {
-                hostile::writeAll(at.source / folderName(folder) / fileName(file), contents(folder, file, 0));
+                writeTextFile(at.source / folderName(folder) / fileName(file), contents(folder, file, 0));
             }
         }
         fs::create_directories(at.destination);
-        hostile::writeAll(at.outside / "sentinel.txt", "outside must never change");
-        hostile::writeAll(at.outside / fileName(7), "an outside file with a name the engine writes");
-        hostile::writeAll(at.secret, kSecret);
-        outsideBefore = hostile::treeState(at.outside, true);
-        secretBefore = hostile::treeState(at.secret, true);
+        writeTextFile(at.outside / "sentinel.txt", "outside must never change");
+        writeTextFile(at.outside / fileName(7), "an outside file with a name the engine writes");
+        writeTextFile(at.secret, kSecret);
+        outsideBefore = treeState(at.outside, true);
+        secretBefore = treeState(at.secret, true);
         for (const auto& item : fs::directory_iterator(base)) topLevelBefore.insert(item.path().filename());
     }
 
@@ -182,16 +184,16 @@ protected:
     }
 
     void expectNothingOutsideChanged() {
-        EXPECT_EQ(hostile::treeState(at.outside, true), outsideBefore);
-        EXPECT_EQ(hostile::treeState(at.secret, true), secretBefore);
+        EXPECT_EQ(treeState(at.outside, true), outsideBefore);
+        EXPECT_EQ(treeState(at.secret, true), secretBefore);
         std::set<fs::path> topLevel;
         for (const auto& item : fs::directory_iterator(base)) topLevel.insert(item.path().filename());
         topLevel.erase("app");  // the application's own folders, made by the runs
         EXPECT_EQ(topLevel, topLevelBefore);
     }
 
-    testing::TemporaryDirectory work;
-    hostile::Mounts mounts;  // undone before the temporary folder goes
+    TemporaryDirectory work;
+    MountSandbox mounts;  // undone before the temporary folder goes
     fs::path base;
     Layout at;
     std::map<std::string, std::string> outsideBefore;
@@ -202,8 +204,8 @@ protected:
 TEST_F(SymlinkAttacker, MirrorRunsUnderAttackNeverReachOutsideNorCopyTheSecret) {
     const pid_t attacker = startAttacker(everyAttack, kAttackTime);
     ASSERT_GT(attacker, 0);
-    hostile::AppHarness harness(base / "app");
-    const Uuid id = harness.addProfile(SyncMode::mirror, at.source, at.destination);
+    EngineHarness harness(base / "app");
+    const Uuid id = harness.addProfile(at.source, at.destination, SyncMode::mirror);
 
     // Run after run until the attacker is done, each run with new work: some files
     // rewritten, some removed (for the archive), some new.
@@ -219,12 +221,12 @@ TEST_F(SymlinkAttacker, MirrorRunsUnderAttackNeverReachOutsideNorCopyTheSecret) 
             rewriteNoFollow(at.source / folderName(folder) / fileName(file), contents(folder, file, generation));
         }
         const fs::path added = at.source / folderName(generation % kFolders) / ("added-" + std::to_string(generation));
-        hostile::writeAll(added, "added in generation " + std::to_string(generation));
+        writeTextFile(added, "added in generation " + std::to_string(generation));
         std::error_code ignored;
         fs::remove(at.source / folderName((generation + 1) % kFolders) / ("added-" + std::to_string(generation - 1)),
                    ignored);
         try {
-            auto outcome = harness.analyze(id);
+            auto outcome = harness.application->analyze(id);
             // The attack ends on time: a run still going then is stopped.
             CancellationFlag flag;
             const std::jthread stopAtTheEnd([&](std::stop_token stop) {
@@ -249,7 +251,7 @@ TEST_F(SymlinkAttacker, MirrorRunsUnderAttackNeverReachOutsideNorCopyTheSecret) 
     for (const auto& item : fs::recursive_directory_iterator(at.destination)) {
         // Links are copied as links: only what a file holds counts.
         if (item.symlink_status(ignoredError).type() == fs::file_type::regular &&
-            hostile::readAll(item.path()).find(kSecret) != std::string::npos) {
+            readTextFile(item.path()).find(kSecret) != std::string::npos) {
             ++secretCopies;
             ADD_FAILURE() << "the secret was copied to " << item.path();
         }
@@ -280,11 +282,11 @@ TEST_F(SymlinkAttacker, ANaivePathWriterEscapesUnderTheSameAttacker) {
                 ::close(fd);
             }
         }
-        escaped = hostile::treeState(at.outside, true) != outsideBefore;
+        escaped = treeState(at.outside, true) != outsideBefore;
     }
     stopAttacker(attacker);
     EXPECT_TRUE(escaped) << "the attacker never led a path-based writer outside: the attack is not real";
 }
 
 }  // namespace
-}  // namespace varnel
+}  // namespace varnel::testing

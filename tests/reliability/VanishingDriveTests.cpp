@@ -5,8 +5,10 @@
 // nothing lands in the folder underneath the mount point (a read-only trap with a
 // sentinel, so a stray write fails loudly), and after remounting a rerun completes.
 
-#include "HostileConditions.hpp"
-
+#include "support/ChildProcess.hpp"
+#include "support/EngineHarness.hpp"
+#include "support/MountSandbox.hpp"
+#include "support/SyncChecker.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 #include <gtest/gtest.h>
@@ -24,7 +26,7 @@
 #include <optional>
 #include <thread>
 
-namespace varnel {
+namespace varnel::testing {
 namespace {
 
 namespace fs = std::filesystem;
@@ -47,17 +49,17 @@ std::string contentsOf(int index) {
 class VanishingDrive : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (const auto why = hostile::mountsUnavailable(); !why.empty()) GTEST_SKIP() << why;
+        if (const auto why = MountSandbox::unavailableReason(); !why.empty()) GTEST_SKIP() << why;
         for (int i = 0; i < kFiles; ++i) {
-            hostile::writeAll(source() / ("folder" + std::to_string(i % 6)) / ("f" + std::to_string(i)), contentsOf(i));
+            writeTextFile(source() / ("folder" + std::to_string(i % 6)) / ("f" + std::to_string(i)), contentsOf(i));
         }
         // The trap: the folder underneath the mount point holds a sentinel and is
         // read-only, so anything the engine wrote through a path after the drive went
         // would fail and show up in the run's errors.
-        hostile::writeAll(mountPoint() / "underneath.txt", "sentinel");
-        ASSERT_EQ(mounts.makeReadOnly(mountPoint()), "");
-        trapBefore = hostile::treeState(mountPoint(), true);
-        harness.emplace(work / "app", true);  // with the real mount-table monitor
+        writeTextFile(mountPoint() / "underneath.txt", "sentinel");
+        ASSERT_EQ(mounts.bindReadOnly(mountPoint(), mountPoint()), "");
+        trapBefore = treeState(mountPoint(), true);
+        harness = std::make_unique<EngineHarness>(work / "app", true);  // with the real mount-table monitor
     }
 
     fs::path source() const { return work / "src"; }
@@ -66,7 +68,7 @@ protected:
 
     Uuid addProfile() {
         fs::create_directories(destination());
-        return harness->addProfile(SyncMode::update, source(), destination(), DurabilityMode::durable);
+        return harness->addProfile(source(), destination(), SyncMode::update, DurabilityMode::durable);
     }
 
     struct Interrupted {
@@ -77,12 +79,10 @@ protected:
 
     // Analyses and synchronises, running `vanish` once some files are copied.
     Interrupted runAndVanish(const Uuid& id, const std::function<void()>& vanish) {
-        auto outcome = harness->analyze(id);
+        auto outcome = harness->application->analyze(id);
         CancellationFlag flag;
         std::atomic<bool> fired{false};
         Clock::time_point firedAt{};
-        Confirmation confirmation;
-        for (const auto& concern : outcome.decision.concerns) confirmation.acknowledgedConcernIDs.insert(concern.id);
         const auto onProgress = [&](const TransferProgress& progress) {
             if (progress.filesCompleted >= kTriggerAfterFiles && !fired.exchange(true)) {
                 vanish();
@@ -90,7 +90,7 @@ protected:
             }
         };
         Interrupted interrupted;
-        interrupted.result = harness->app().synchronize(outcome, confirmation, flag, onProgress).result;
+        interrupted.result = harness->synchronize(outcome, flag, onProgress);
         interrupted.stopReason = flag.reason();
         if (fired) interrupted.secondsAfterTrigger = std::chrono::duration<double>(Clock::now() - firedAt).count();
         return interrupted;
@@ -100,7 +100,7 @@ protected:
     // that errno says nothing about the trap; its tree is still compared afterwards.
     void expectStoppedForTheDestination(const Interrupted& run, bool driveMayAnswerEROFS = false) {
         ASSERT_GE(run.secondsAfterTrigger, 0) << "the run ended before the drive could vanish";
-        ASSERT_TRUE(run.stopReason.has_value()) << "the run went on to the end:\n" << hostile::runMessages(run.result);
+        ASSERT_TRUE(run.stopReason.has_value()) << "the run went on to the end:\n" << messagesOf(run.result);
         EXPECT_EQ(run.stopReason->code(), "volume_disappeared") << run.stopReason->message();
         const auto* gone = run.stopReason->as<SyncError::VolumeDisappeared>();
         ASSERT_NE(gone, nullptr);
@@ -110,58 +110,59 @@ protected:
         EXPECT_LT(run.result.filesCopied, kFiles);
         // A write that reached the read-only folder underneath fails with EROFS.
         if (!driveMayAnswerEROFS) {
-            EXPECT_EQ(hostile::runMessages(run.result).find(std::strerror(EROFS)), std::string::npos)
-                << hostile::runMessages(run.result);
+            EXPECT_EQ(messagesOf(run.result).find(std::strerror(EROFS)), std::string::npos)
+                << messagesOf(run.result);
         }
     }
 
     // With the drive gone from the mount point, the folder underneath is as it was.
     void expectTrapUntouched() {
         ASSERT_FALSE(fs::exists(mountPoint() / "Backup")) << "the drive is still mounted";
-        EXPECT_EQ(hostile::treeState(mountPoint(), true), trapBefore);
+        EXPECT_EQ(treeState(mountPoint(), true), trapBefore);
     }
 
     // A rerun on the remounted drive completes: every source file is in place, and
     // anything else there is a staging file left by the interrupted run.
     void expectRerunCompletes(const Uuid& id) {
-        const SyncRunResult rerun = harness->sync(id);
-        EXPECT_NE(rerun.outcome, SyncRunOutcome::failed) << hostile::runMessages(rerun);
-        EXPECT_EQ(rerun.filesFailed, 0) << hostile::runMessages(rerun);
+        const SyncRunResult rerun = harness->sync(id).result;
+        EXPECT_NE(rerun.outcome, SyncRunOutcome::failed) << messagesOf(rerun);
+        EXPECT_EQ(rerun.filesFailed, 0) << messagesOf(rerun);
         EXPECT_GT(rerun.filesCopied, 0);
         int matching = 0;
         for (int i = 0; i < kFiles; ++i) {
             const fs::path relative = fs::path("folder" + std::to_string(i % 6)) / ("f" + std::to_string(i));
-            if (hostile::readAll(destination() / relative) == contentsOf(i)) ++matching;
+            if (readTextFile(destination() / relative) == contentsOf(i)) ++matching;
         }
         EXPECT_EQ(matching, kFiles);
-        const SyncRunResult again = harness->sync(id);
-        EXPECT_EQ(again.filesCopied + again.filesUpdated, 0) << hostile::runMessages(again);
+        const SyncRunResult again = harness->sync(id).result;
+        EXPECT_EQ(again.filesCopied + again.filesUpdated, 0) << messagesOf(again);
     }
 
     // Waits until a lazily unmounted image's loop device is gone, so mounting the image
     // again never has it mounted twice.
     void waitForLoopRelease(const fs::path& image) {
         for (int i = 0; i < 200; ++i) {
-            if (hostile::run({"sh", "-c", "losetup -j '" + image.string() + "' | grep -q ."}) != 0) return;
+            if (runProgram({"sh", "-c", "losetup -j '" + image.string() + "' | grep -q ."}) != 0) return;
             std::this_thread::sleep_for(std::chrono::milliseconds(25));
         }
         FAIL() << "the detached file system was never released";
     }
 
-    testing::TemporaryDirectory work;
-    hostile::Mounts mounts;
+    TemporaryDirectory work;
+    MountSandbox mounts;
     std::map<std::string, std::string> trapBefore;
-    std::optional<hostile::AppHarness> harness;
+    std::unique_ptr<EngineHarness> harness;
 };
 
 class ShutDownDrive : public VanishingDrive, public ::testing::WithParamInterface<const char*> {};
 
 TEST_P(ShutDownDrive, StopsTheRunWritesNothingUnderneathAndARerunCompletes) {
     const std::string type = GetParam();
-    const fs::path image = work / (type + ".img");
     const auto mkfs = type == "xfs" ? std::vector<std::string>{"mkfs.xfs", "-q", "-f"}
                                     : std::vector<std::string>{"mkfs.ext4", "-q", "-F"};
-    if (const auto why = mounts.mountImage(image, mkfs, 320, mountPoint()); !why.empty()) GTEST_SKIP() << why;
+    if (const auto why = mounts.mountImage(work / (type + ".img"), mkfs, 320 << 20, mountPoint()); !why.empty()) {
+        GTEST_SKIP() << why;
+    }
     const Uuid id = addProfile();
 
     const auto run = runAndVanish(id, [&] {
@@ -174,7 +175,7 @@ TEST_P(ShutDownDrive, StopsTheRunWritesNothingUnderneathAndARerunCompletes) {
 
     ASSERT_EQ(mounts.unmount(mountPoint()), "");
     expectTrapUntouched();
-    ASSERT_EQ(mounts.remountImage(image, mountPoint()), "");
+    ASSERT_EQ(mounts.remount(mountPoint()), "");
     expectRerunCompletes(id);
 }
 
@@ -204,7 +205,7 @@ TEST_F(VanishingDrive, AKilledFuseProcessStopsTheRunAndARerunCompletes) {
 
 TEST_F(VanishingDrive, ALazyUnmountStopsTheRunWhileItsWritesStayOnTheDetachedDrive) {
     const fs::path image = work / "ext4.img";
-    if (const auto why = mounts.mountImage(image, {"mkfs.ext4", "-q", "-F"}, 64, mountPoint()); !why.empty()) {
+    if (const auto why = mounts.mountImage(image, {"mkfs.ext4", "-q", "-F"}, 64 << 20, mountPoint()); !why.empty()) {
         GTEST_SKIP() << why;
     }
     const Uuid id = addProfile();
@@ -215,7 +216,7 @@ TEST_F(VanishingDrive, ALazyUnmountStopsTheRunWhileItsWritesStayOnTheDetachedDri
 
     // What was copied before the stop went to the drive, which the run held open.
     waitForLoopRelease(image);
-    ASSERT_EQ(mounts.remountImage(image, mountPoint()), "");
+    ASSERT_EQ(mounts.remount(mountPoint()), "");
     int landed = 0;
     for (int i = 0; i < kFiles; ++i) {
         const fs::path relative = fs::path("folder" + std::to_string(i % 6)) / ("f" + std::to_string(i));
@@ -227,17 +228,17 @@ TEST_F(VanishingDrive, ALazyUnmountStopsTheRunWhileItsWritesStayOnTheDetachedDri
 
 TEST_F(VanishingDrive, ADriveUnmountedAfterTheAnalysisIsNeverWrittenThrough) {
     const fs::path image = work / "ext4.img";
-    if (const auto why = mounts.mountImage(image, {"mkfs.ext4", "-q", "-F"}, 64, mountPoint()); !why.empty()) {
+    if (const auto why = mounts.mountImage(image, {"mkfs.ext4", "-q", "-F"}, 64 << 20, mountPoint()); !why.empty()) {
         GTEST_SKIP() << why;
     }
     const Uuid id = addProfile();
-    auto outcome = harness->analyze(id);
+    auto outcome = harness->application->analyze(id);
     // The folder that now answers at the destination's path is on another device.
     ASSERT_EQ(mounts.detach(mountPoint()), "");
     fs::create_directories(work / "other");
-    hostile::writeAll(work / "other" / "Backup" / "keep.txt", "another drive's folder");
+    writeTextFile(work / "other" / "Backup" / "keep.txt", "another drive's folder");
     ASSERT_EQ(::mount((work / "other").c_str(), mountPoint().c_str(), nullptr, MS_BIND, nullptr), 0);
-    const auto otherBefore = hostile::treeState(work / "other", true);
+    const auto otherBefore = treeState(work / "other", true);
 
     CancellationFlag flag;
     try {
@@ -246,10 +247,10 @@ TEST_F(VanishingDrive, ADriveUnmountedAfterTheAnalysisIsNeverWrittenThrough) {
     } catch (const SyncError& error) {
         EXPECT_EQ(error.code(), "volume_disappeared") << error.message();
     }
-    EXPECT_EQ(hostile::treeState(work / "other", true), otherBefore);
+    EXPECT_EQ(treeState(work / "other", true), otherBefore);
     ASSERT_EQ(::umount2(mountPoint().c_str(), 0), 0);
     expectTrapUntouched();
 }
 
 }  // namespace
-}  // namespace varnel
+}  // namespace varnel::testing

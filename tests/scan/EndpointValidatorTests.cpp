@@ -3,15 +3,12 @@
 #include "platform/POSIXFolderAccess.hpp"
 #include "scan/RealFileSystem.hpp"
 #include "support/FakeFileSystem.hpp"
+#include "support/ChildProcess.hpp"
 #include "support/MountSandbox.hpp"
 #include "support/TemporaryDirectory.hpp"
 #include "transfer/SyncError.hpp"
 
 #include <gtest/gtest.h>
-
-#include <grp.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <functional>
@@ -325,42 +322,6 @@ TEST_F(EndpointValidatorRealTest, OverlapIsJudgedOnCanonicalComponents) {
     EXPECT_TRUE(accepted.warnings.empty());
 }
 
-// Runs `body` in a child process as the user nobody (65534) when the suite runs as root,
-// since root passes permission bits; as the current user otherwise. Returns what
-// `body` returned, or why the child could not run it.
-std::string inUnprivilegedChild(const std::function<std::string()>& body) {
-    int pipeFds[2];
-    if (::pipe(pipeFds) != 0) return "pipe failed";
-    const pid_t child = ::fork();
-    if (child < 0) return "fork failed";
-    if (child == 0) {
-        ::close(pipeFds[0]);
-        std::string result;
-        if (::geteuid() == 0 && (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
-                                 ::setresuid(65534, 65534, 65534) != 0)) {
-            result = "could not drop privileges";
-        } else {
-            try {
-                result = body();
-            } catch (const std::exception& error) {
-                result = std::string("exception: ") + error.what();
-            }
-        }
-        [[maybe_unused]] const auto written = ::write(pipeFds[1], result.data(), result.size());
-        ::_exit(0);
-    }
-    ::close(pipeFds[1]);
-    std::string output;
-    char buffer[512];
-    ssize_t count = 0;
-    while ((count = ::read(pipeFds[0], buffer, sizeof buffer)) > 0)
-        output.append(buffer, static_cast<std::size_t>(count));
-    ::close(pipeFds[0]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return output;
-}
-
 TEST_F(EndpointValidatorRealTest, UnreadableSourceAndReadOnlyDestinationAreReallyDenied) {
     // Really denied: as root the checks run in a child that has become nobody.
     for (const char* folder : {"src", "unreadable", "dst", "readonly"})
@@ -396,7 +357,7 @@ TEST_F(EndpointValidatorRealTest, UnpluggedDriveWhoseMountPointIsAPlainFolderIsN
     if (auto why = MountSandbox::unavailableReason(); !why.empty()) GTEST_SKIP() << why;
     std::filesystem::create_directories(path("src"));
     const std::string drive = path("media/Backup");
-    if (auto why = mounts.mountExt4(path("backup.img"), drive, "VarnelBackup"); !why.empty()) GTEST_SKIP() << why;
+    if (auto why = mounts.mountImage(path("backup.img"), {"mkfs.ext4", "-q", "-F", "-L", "VarnelBackup"}, 32 << 20, drive); !why.empty()) GTEST_SKIP() << why;
 
     const VolumeIdentity recorded = validator().identityOf(drive);
     if (!recorded.volumeUUID) GTEST_SKIP() << "the volume query found no UUID on a loop-mounted ext4";
@@ -411,7 +372,7 @@ TEST_F(EndpointValidatorRealTest, UnpluggedDriveWhoseMountPointIsAPlainFolderIsN
     ASSERT_TRUE(std::filesystem::is_empty(drive));  // just the empty folder underneath
     EXPECT_EQ(failure(path("src"), drive, expected), SyncError(E::VolumeNotMounted{Role::destination, "VarnelBackup"}));
 
-    if (auto why = mounts.mountExt4(path("other.img"), drive, "Other"); !why.empty()) GTEST_SKIP() << why;
+    if (auto why = mounts.mountImage(path("other.img"), {"mkfs.ext4", "-q", "-F", "-L", "Other"}, 32 << 20, drive); !why.empty()) GTEST_SKIP() << why;
     EXPECT_EQ(failure(path("src"), drive, expected),
               SyncError(E::VolumeIdentityMismatch{
                   Role::destination, "The volume mounted at " + drive +

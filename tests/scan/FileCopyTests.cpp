@@ -5,7 +5,7 @@
 #include "scan/OperationCancelled.hpp"
 #include "scan/POSIXFileError.hpp"
 #include "scan/RealFileSystem.hpp"
-#include "support/ScratchMounts.hpp"
+#include "support/MountSandbox.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 #include <gtest/gtest.h>
@@ -275,11 +275,11 @@ TEST_F(FileCopyTests, HashesInBlocksFromTheCacheOrTheDevice) {
 class MountedFileCopyTests : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (auto why = ScratchMounts::unavailableReason(); !why.empty()) GTEST_SKIP() << why;
+        if (auto why = MountSandbox::unavailableReason(); !why.empty()) GTEST_SKIP() << why;
     }
 
     TemporaryDirectory temporary;  // declared first: removed after the mounts are gone
-    ScratchMounts mounts{temporary.path()};
+    MountSandbox mounts;
     RealFileSystem fileSystem;
 };
 
@@ -293,10 +293,9 @@ TEST_F(MountedFileCopyTests, SameVolumeCopiesOnBtrfsAndXfsAreClones) {
     temporary.writeFile("disk/file", "on the test folder's disk");
     const auto disk = fileSystem.openRoot((temporary / "disk").string());
     for (const auto& [name, mkfs] : kinds) {
-        std::string whyNot;
-        const auto folder = mounts.mountImage(name, mkfs, 320 << 20, whyNot);
-        if (folder.empty()) {
-            skipped += name + ": " + whyNot + "; ";
+        const std::string folder = (temporary / name).string();
+        if (auto why = mounts.mountImage(folder + ".img", mkfs, 320 << 20, folder); !why.empty()) {
+            skipped += name + ": " + why + "; ";
             continue;
         }
         ++tested;
@@ -335,11 +334,10 @@ TEST_F(MountedFileCopyTests, SameVolumeCopiesOnBtrfsAndXfsAreClones) {
 }
 
 TEST_F(MountedFileCopyTests, CopiesAcrossFileSystemsAndReportsAttributesTheTargetRefuses) {
-    std::string whyNot;
-    const auto memory = mounts.mountVirtual("tmpfs", "tmpfs", "size=64m", whyNot);
-    if (memory.empty()) GTEST_SKIP() << whyNot;
-    const auto plain = mounts.mountVirtual("ramfs", "ramfs", "", whyNot);  // keeps no extended attributes
-    if (plain.empty()) GTEST_SKIP() << whyNot;
+    const auto memory = temporary / "tmpfs";
+    const auto plain = temporary / "ramfs";  // keeps no extended attributes
+    ASSERT_EQ(mounts.mountMemory(memory, "size=64m"), "");
+    ASSERT_EQ(mounts.mountMemory(plain, "", "ramfs"), "");
 
     // A sparse source on tmpfs, copied onto the test folder's disk: a different file
     // system, where copy_file_range answers EXDEV (kernel 6.x) and the read/write path
@@ -354,7 +352,7 @@ TEST_F(MountedFileCopyTests, CopiesAcrossFileSystemsAndReportsAttributesTheTarge
     }
     ASSERT_EQ(::lsetxattr(file.c_str(), "user.varnel", "blue", 4, 0), 0) << std::strerror(errno);
     fs::create_directories(temporary / "disk");
-    const auto src = fileSystem.openRoot(memory);
+    const auto src = fileSystem.openRoot(memory.string());
     const auto disk = fileSystem.openRoot((temporary / "disk").string());
     CopyOptions extended;
     extended.metadataPolicy = MetadataPolicy::strict;
@@ -364,7 +362,7 @@ TEST_F(MountedFileCopyTests, CopiesAcrossFileSystemsAndReportsAttributesTheTarge
     EXPECT_EQ(fileSystem.sha256(disk, rel(".file"), {}, {}), fileSystem.sha256(src, rel("file"), {}, {}));
     EXPECT_LE(statOf(temporary / "disk/.file").st_blocks * 512, 1 << 20);
 
-    const auto refusing = fileSystem.openRoot(plain);
+    const auto refusing = fileSystem.openRoot(plain.string());
     const auto refused = fileSystem.copyFile(src, rel("file"), refusing, rel(".file"), extended, {});
     EXPECT_EQ(refused.metadataProblems, std::vector<std::string>{"extended attributes"});
     EXPECT_EQ(fileSystem.sha256(refusing, rel(".file"), {}, {}), fileSystem.sha256(src, rel("file"), {}, {}));

@@ -1,6 +1,7 @@
 #include "platform/BeneathResolver.hpp"
 #include "scan/POSIXFileError.hpp"
 #include "scan/RealFileSystem.hpp"
+#include "support/ChildProcess.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 #include <gtest/gtest.h>
@@ -11,7 +12,6 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -106,16 +106,10 @@ TEST_F(RealFileSystemTest, SpecialFilesAreUnsupportedWithTheirReasonAndNoSize) {
     EXPECT_EQ(socketEntry.size, 0);
     EXPECT_EQ(socketEntry.relativePath, rel("socket"));
     EXPECT_EQ(folder->entry("pipe", rel("pipe")), pipe);
-}
 
-TEST_F(RealFileSystemTest, CharacterDeviceIsUnsupported) {
-    if (::mknod(path("null").c_str(), S_IFCHR | 0600, makedev(1, 3)) != 0) {
-        GTEST_SKIP() << "creating a character device needs CAP_MKNOD (" << std::strerror(errno) << ")";
+    if (::mknod(path("null").c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0) {  // needs CAP_MKNOD
+        EXPECT_EQ(fs.entry(root, rel("null")).unsupportedReason, UnsupportedReason::characterDevice);
     }
-    const auto device = fs.entry(root, rel("null"));
-    EXPECT_EQ(device.kind, EntryKind::unsupported);
-    EXPECT_EQ(device.unsupportedReason, UnsupportedReason::characterDevice);
-    EXPECT_EQ(device.size, 0);
 }
 
 TEST_F(RealFileSystemTest, RegularAndSparseFilesReportLogicalSizeAndAllocation) {
@@ -134,19 +128,10 @@ TEST_F(RealFileSystemTest, RegularAndSparseFilesReportLogicalSizeAndAllocation) 
     EXPECT_LT(sparse.allocatedBlocks, 4096);  // far below the 19,532 a dense file takes
     EXPECT_EQ(sparse.posixPermissions & 0777, 0640);
 
+    // Nanosecond times: the comparison of a later run depends on them.
     struct stat expected {};
     ASSERT_EQ(::lstat(path("small.txt").c_str(), &expected), 0);
-    const auto small = fs.entry(root, rel("small.txt"));
-    EXPECT_EQ(small.size, 5);
-    EXPECT_EQ(small.inode, expected.st_ino);
-    EXPECT_EQ(small.deviceID, expected.st_dev);
-    EXPECT_EQ(small.hardLinkCount, 1u);
-    EXPECT_EQ(small.modificationTime, FileTimestamp::fromTimespec(expected.st_mtim));
-    EXPECT_EQ(small.ownerUID, expected.st_uid);
-    EXPECT_FALSE(small.isDataless);
-    if (small.creationTime) {
-        EXPECT_GE(small.creationTime->seconds, 1);
-    }
+    EXPECT_EQ(fs.entry(root, rel("small.txt")).modificationTime, FileTimestamp::fromTimespec(expected.st_mtim));
 }
 
 TEST_F(RealFileSystemTest, DanglingSymlinkIsAnEntryWithItsTargetAndIsNeverFollowed) {
@@ -155,16 +140,9 @@ TEST_F(RealFileSystemTest, DanglingSymlinkIsAnEntryWithItsTargetAndIsNeverFollow
     const auto link = fs.entry(root, rel("dangling"));
     EXPECT_EQ(link.kind, EntryKind::symbolicLink);
     EXPECT_EQ(link.symlinkTarget, "missing/target.txt");
-    EXPECT_EQ(link.size, 0);
-    EXPECT_EQ(fs.readLink(root, rel("dangling")), "missing/target.txt");
     EXPECT_TRUE(fs.exists(root, rel("dangling")));
     EXPECT_TRUE(fs.existsAtPath(path("dangling")));
-    EXPECT_EQ(fs.entryAtPath(path("dangling")).symlinkTarget, "missing/target.txt");
     EXPECT_FALSE(fs.exists(root, rel("missing")));
-
-    const auto notALink = errorOf([&] { fs.readLink(root, RelativePath()); });
-    EXPECT_EQ(notALink.operation(), "readlink");
-    EXPECT_EQ(notALink.errnoValue(), EINVAL);
 }
 
 TEST_F(RealFileSystemTest, RenameWithoutReplacementRefusesAnExistingNameAndLeavesBoth) {
@@ -175,8 +153,6 @@ TEST_F(RealFileSystemTest, RenameWithoutReplacementRefusesAnExistingNameAndLeave
         fs.rename(root, rel("a.txt"), root, rel("b.txt"), FileSystemProviding::RenameMode::noReplace);
     });
     EXPECT_EQ(error.errnoValue(), EEXIST);
-    EXPECT_EQ(error.operation(), "rename");
-    EXPECT_EQ(error.path(), path("b.txt"));
     EXPECT_EQ(temp.readFile("a.txt"), "new");
     EXPECT_EQ(temp.readFile("b.txt"), "old");
 
@@ -184,34 +160,6 @@ TEST_F(RealFileSystemTest, RenameWithoutReplacementRefusesAnExistingNameAndLeave
     fs.rename(root, rel("c.txt"), root, rel("b.txt"), FileSystemProviding::RenameMode::replace);
     EXPECT_EQ(temp.readFile("b.txt"), "new");
     EXPECT_FALSE(fs.exists(root, rel("c.txt")));
-}
-
-TEST_F(RealFileSystemTest, CreatesListsAndRemovesAndReportsEachCallByName) {
-    fs.makeDirectory(root, rel("folder"), 0750);
-    fs.makeSymbolicLink(root, rel("folder/link"), "../elsewhere");
-    temp.writeFile("folder/file", "x");
-    EXPECT_EQ(sorted(fs.listDirectory(root, rel("folder"))), (std::vector<std::string>{"file", "link"}));
-    EXPECT_EQ(fs.entry(root, rel("folder")).posixPermissions & 0700, 0700);
-
-    const auto taken = errorOf([&] { fs.makeDirectory(root, rel("folder")); });
-    EXPECT_EQ(taken.operation(), "mkdir");
-    EXPECT_EQ(taken.errnoValue(), EEXIST);
-    EXPECT_EQ(taken.path(), path("folder"));
-    EXPECT_EQ(taken.message(), "mkdir failed for " + path("folder") + ": File exists");
-
-    const auto notEmpty = errorOf([&] { fs.removeDirectory(root, rel("folder")); });
-    EXPECT_EQ(notEmpty.operation(), "rmdir");
-    EXPECT_EQ(notEmpty.errnoValue(), ENOTEMPTY);
-
-    const auto missing = errorOf([&] { fs.listDirectory(root, rel("nothing")); });
-    EXPECT_EQ(missing.operation(), "opendir");
-    EXPECT_EQ(missing.errnoValue(), ENOENT);
-    EXPECT_EQ(missing.path(), path("nothing"));
-
-    fs.removeFile(root, rel("folder/link"));
-    fs.removeFile(root, rel("folder/file"));
-    fs.removeDirectory(root, rel("folder"));
-    EXPECT_TRUE(fs.listDirectory(root, RelativePath()).empty());
 }
 
 TEST_F(RealFileSystemTest, SetsMetadataOnTheItemNeverOnALinkTarget) {
@@ -335,66 +283,35 @@ TEST_F(RealFileSystemTest, PathsLongerThanPathMaxAreListedAndRead) {
     ASSERT_TRUE(walked.ok()) << std::strerror(walked.error());
 }
 
-// Root ignores permission bits, so the check runs in a child that gives up root
-// (uid/gid 65534) before listing; as an ordinary user it runs directly.
+// Root ignores permission bits, so the listing runs in a child that gives up root.
 TEST_F(RealFileSystemTest, UnreadableFolderFailsWithOpendirAndEACCES) {
     ASSERT_EQ(::chmod(temp.string().c_str(), 0755), 0);
     std::filesystem::create_directories(temp / "locked");
     ASSERT_EQ(::chmod(path("locked").c_str(), 0300), 0);  // searchable, not readable
-    const std::string expected = "opendir failed for " + path("locked") + ": Permission denied";
-
-    const auto check = [&]() -> int {
-        try {
-            fs.listDirectory(root, rel("locked"));
-            return 2;
-        } catch (const POSIXFileError& error) {
-            if (error.operation() != "opendir" || error.errnoValue() != EACCES) return 3;
-            return error.message() == expected ? 0 : 4;
-        }
-    };
-    if (::geteuid() != 0) {
-        EXPECT_EQ(check(), 0);
-        return;
-    }
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0) ::_exit(1);
-        ::_exit(check());
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "1: could not drop privileges, 2: listed anyway, 3: wrong call or errno, "
-                                         "4: wrong message";
+    EXPECT_EQ(inUnprivilegedChild([&]() -> std::string {
+                  try {
+                      fs.listDirectory(root, rel("locked"));
+                      return "listed anyway";
+                  } catch (const POSIXFileError& error) {
+                      return error.message();
+                  }
+              }),
+              "opendir failed for " + path("locked") + ": Permission denied");
 }
 
-TEST_F(RealFileSystemTest, AbsolutePathOperations) {
+TEST_F(RealFileSystemTest, ARootChosenThroughALinkIsOpenedWhereItPointsAndNamesAreConfined) {
     std::filesystem::create_directories(temp / "real");
     ASSERT_EQ(::symlink(path("real").c_str(), path("alias").c_str()), 0);
     temp.writeFile("file", "x");
 
     EXPECT_EQ(fs.canonicalPath(path("alias")), std::filesystem::canonical(temp / "real").string());
     EXPECT_EQ(fs.entryAtPath(path("alias")).kind, EntryKind::symbolicLink);
-    EXPECT_TRUE(fs.existsAtPath(path("alias")));
-    EXPECT_FALSE(fs.existsAtPath(path("absent")));
-
-    // A root chosen through a link is opened where the link points; messages keep the path given.
+    // Messages keep the path given.
     const auto viaLink = fs.openRoot(path("alias"));
     fs.makeDirectory(viaLink, rel("inside"));
     EXPECT_TRUE(std::filesystem::is_directory(temp / "real" / "inside"));
     EXPECT_EQ(displayPath(viaLink, rel("inside")), path("alias") + "/inside");
-
-    const auto notAFolder = errorOf([&] { fs.openRoot(path("file")); });
-    EXPECT_EQ(notAFolder.operation(), "open");
-    EXPECT_EQ(notAFolder.errnoValue(), ENOTDIR);
-    EXPECT_EQ(errorOf([&] { fs.canonicalPath(path("absent")); }).operation(), "realpath");
-    EXPECT_EQ(errorOf([&] { fs.entryAtPath(path("absent")); }).operation(), "statx");
-
-    fs.makeDirectoryAtPath(path("made"), 0755);
-    const auto again = errorOf([&] { fs.makeDirectoryAtPath(path("made"), 0755); });
-    EXPECT_EQ(again.operation(), "mkdir");
-    EXPECT_EQ(again.errnoValue(), EEXIST);
+    EXPECT_EQ(errorOf([&] { fs.openRoot(path("file")); }).errnoValue(), ENOTDIR);
 
     // A name that would step out of the open folder is refused before any call.
     auto folder = fs.openDirectory(root, RelativePath());

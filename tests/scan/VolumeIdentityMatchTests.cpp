@@ -160,12 +160,6 @@ TEST(VolumeIdentityMatchTest, CloudFolderComparison) {
     }
 }
 
-TEST(VolumeIdentityMatchTest, ConfirmationLines) {
-    EXPECT_EQ(identityConfirmationDescription(volume("AAAA", std::nullopt, std::nullopt)), "Confirmed by volume UUID");
-    EXPECT_EQ(identityConfirmationDescription(volume(std::nullopt, "USB", 8 * GB)),
-              "Could not be confirmed — this volume publishes no UUID");
-}
-
 }  // namespace
 
 }  // namespace varnel::testing

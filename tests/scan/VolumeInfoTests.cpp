@@ -2,22 +2,16 @@
 #include "platform/MountTable.hpp"
 #include "scan/POSIXFileError.hpp"
 #include "scan/RealFileSystem.hpp"
+#include "support/ChildProcess.hpp"
+#include "support/MountSandbox.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cstring>
 #include <filesystem>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -103,138 +97,40 @@ TEST(VolumeInfoTest, TheTemporaryFolderHasAConsistentVolume) {
 
 // --- Real file systems, mounted for the test -----------------------------------------------
 
-struct CommandResult {
-    int status = -1;
-    std::string output;
-};
-
-// Runs a program (no shell) and collects its standard output.
-CommandResult run(const std::vector<std::string>& arguments) {
-    int pipeFds[2];
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0) return {};
-    const pid_t child = ::fork();
-    if (child < 0) return {};
-    if (child == 0) {
-        ::dup2(pipeFds[1], STDOUT_FILENO);
-        const int devNull = ::open("/dev/null", O_WRONLY);
-        ::dup2(devNull, STDERR_FILENO);
-        std::vector<char*> argv;
-        for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-        argv.push_back(nullptr);
-        ::execvp(argv[0], argv.data());
-        ::_exit(127);
-    }
-    ::close(pipeFds[1]);
-    CommandResult result;
-    char buffer[4096];
-    ssize_t count = 0;
-    while ((count = ::read(pipeFds[0], buffer, sizeof buffer)) > 0 || (count < 0 && errno == EINTR)) {
-        if (count > 0) result.output.append(buffer, static_cast<std::size_t>(count));
-    }
-    ::close(pipeFds[0]);
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
-}
-
-bool haveProgram(const std::string& name) {
-    return run({"sh", "-c", "command -v " + name}).status == 0;
-}
-
-std::string trimmed(std::string text) {
-    while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.pop_back();
-    return text;
-}
-
-std::string upper(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    return text;
-}
-
-// Mounts tmpfs and loop-mounted images in a mount namespace of the test process's own,
-// so nothing leaks into the machine's mounts even if the process dies; every mount is
-// undone in TearDown (loop devices from "mount -o loop" detach with the unmount).
 class RealVolumeTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        if (::geteuid() != 0) {
-            skipReason() = "mounting file systems needs root";
-        } else if (::unshare(CLONE_NEWNS) != 0) {
-            skipReason() = std::string("no private mount namespace: ") + std::strerror(errno);
-        } else if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-            skipReason() = std::string("cannot make mounts private: ") + std::strerror(errno);
-        }
-    }
-    static std::string& skipReason() {
-        static std::string reason;
-        return reason;
-    }
-
     void SetUp() override {
-        if (!skipReason().empty()) GTEST_SKIP() << skipReason();
+        if (auto why = MountSandbox::unavailableReason(); !why.empty()) GTEST_SKIP() << why;
     }
 
-    void TearDown() override {
-        for (auto it = mounted_.rbegin(); it != mounted_.rend(); ++it) {
-            if (::umount2(it->c_str(), 0) != 0) ::umount2(it->c_str(), MNT_DETACH);
-        }
-    }
-
-    // A folder to mount on; `name` may contain spaces.
-    std::string mountPoint(const std::string& name) {
+    // Formats a sparse image of 320 MiB (xfs needs more than 300 MiB) and mounts it on a
+    // folder of that name; "" with the reason in whyNot_ when that cannot be done here.
+    std::string mountImage(const std::string& name, const std::vector<std::string>& mkfs) {
         const auto folder = temp_ / name;
-        std::filesystem::create_directories(folder);
-        return folder.string();
+        whyNot_ = mounts_.mountImage(temp_ / (name + ".img"), mkfs, 320 << 20, folder);
+        return whyNot_.empty() ? folder.string() : "";
     }
 
-    // Formats a sparse image of 320 MiB (xfs needs more than 300 MiB) and mounts it; returns the mount
-    // point, or "" after a GTEST_SKIP-worthy reason in `whyNot`.
-    std::string mountImage(const std::string& name, const std::vector<std::string>& mkfs, std::string& whyNot) {
-        if (!haveProgram(mkfs.front())) {
-            whyNot = mkfs.front() + " is not installed";
-            return "";
-        }
-        const std::string image = (temp_ / (name + ".img")).string();
-        const int fd = ::open(image.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        const bool sized = fd >= 0 && ::ftruncate(fd, 320 << 20) == 0;
-        if (fd >= 0) ::close(fd);
-        if (!sized) {
-            whyNot = "cannot create the image file";
-            return "";
-        }
-        auto command = mkfs;
-        command.push_back(image);
-        if (run(command).status != 0) {
-            whyNot = mkfs.front() + " failed";
-            return "";
-        }
-        const std::string folder = mountPoint(name);
-        if (run({"mount", "-o", "loop", image, folder}).status != 0) {
-            whyNot = "cannot loop-mount an image (no loop devices, or the kernel lacks the file system)";
-            return "";
-        }
-        mounted_.push_back(folder);
-        images_[folder] = image;
-        return folder;
-    }
-
+    // What blkid reads from the image behind the folder of that name.
     std::string blkidUUID(const std::string& folder) {
-        return upper(trimmed(run({"blkid", "-p", "-s", "UUID", "-o", "value", images_[folder]}).output));
+        const auto image = folder + ".img";
+        ChildProcess::exec({"/bin/sh", "-c", "blkid -p -s UUID -o value '" + image + "'"}, {}, temp_ / "blkid.out").wait();
+        std::string text = readTextFile(temp_ / "blkid.out");
+        while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.pop_back();
+        std::transform(text.begin(), text.end(), text.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+        return text;
     }
 
     TemporaryDirectory temp_;
+    MountSandbox mounts_;  // undone before the folder goes
     RealFileSystem fs_;
-    std::vector<std::string> mounted_;
-    std::map<std::string, std::string> images_;
+    std::string whyNot_;
 };
 
 TEST_F(RealVolumeTest, TmpfsHasNoUUIDAndIsNamedAfterItsMountPoint) {
-    const std::string folder = mountPoint("my volume");
-    ASSERT_EQ(::mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=8m"), 0) << std::strerror(errno);
-    mounted_.push_back(folder);
+    const std::string folder = (temp_ / "my volume").string();
+    ASSERT_EQ(mounts_.mountMemory(folder, "size=8m"), "");
 
     const auto info = fs_.volumeInfo(folder);
     EXPECT_EQ(info.fileSystemType, "tmpfs");
@@ -251,9 +147,8 @@ TEST_F(RealVolumeTest, TmpfsHasNoUUIDAndIsNamedAfterItsMountPoint) {
 }
 
 TEST_F(RealVolumeTest, Ext4HasItsUUIDAndLabelAndNoCloning) {
-    std::string whyNot;
-    const auto folder = mountImage("ext4", {"mkfs.ext4", "-q", "-F", "-L", "VarnelExt"}, whyNot);
-    if (folder.empty()) GTEST_SKIP() << whyNot;
+    const auto folder = mountImage("ext4", {"mkfs.ext4", "-q", "-F", "-L", "VarnelExt"});
+    if (folder.empty()) GTEST_SKIP() << whyNot_;
     std::filesystem::create_directories(std::filesystem::path(folder) / "inner");
 
     const auto info = fs_.volumeInfo(folder + "/inner");
@@ -271,23 +166,21 @@ TEST_F(RealVolumeTest, Ext4HasItsUUIDAndLabelAndNoCloning) {
 }
 
 TEST_F(RealVolumeTest, Ext4CasefoldedFolderIsCaseInsensitive) {
-    std::string whyNot;
-    const auto folder = mountImage("casefold", {"mkfs.ext4", "-q", "-F", "-O", "casefold"}, whyNot);
-    if (folder.empty()) GTEST_SKIP() << "ext4 with casefold is unavailable (it needs a kernel built with CONFIG_UNICODE): " << whyNot;
+    const auto folder = mountImage("casefold", {"mkfs.ext4", "-q", "-F", "-O", "casefold"});
+    if (folder.empty()) GTEST_SKIP() << "ext4 with casefold is unavailable (it needs CONFIG_UNICODE): " << whyNot_;
     const std::string folded = folder + "/folded";
     std::filesystem::create_directories(folded);
-    if (run({"chattr", "+F", folded}).status != 0) GTEST_SKIP() << "chattr +F was refused";
+    if (runProgram({"chattr", "+F", folded}) != 0) GTEST_SKIP() << "chattr +F was refused";
 
     EXPECT_FALSE(fs_.volumeInfo(folded).identity.isCaseSensitive);
     EXPECT_TRUE(fs_.volumeInfo(folder).identity.isCaseSensitive);
 }
 
 TEST_F(RealVolumeTest, XfsClonesOnlyWithReflinkAndEachVolumeHasItsOwnUUID) {
-    std::string whyNot;
-    const auto withReflink = mountImage("xfs-reflink", {"mkfs.xfs", "-q", "-f", "-m", "reflink=1"}, whyNot);
-    if (withReflink.empty()) GTEST_SKIP() << whyNot;
-    const auto without = mountImage("xfs-plain", {"mkfs.xfs", "-q", "-f", "-m", "reflink=0"}, whyNot);
-    if (without.empty()) GTEST_SKIP() << whyNot;
+    const auto withReflink = mountImage("xfs-reflink", {"mkfs.xfs", "-q", "-f", "-m", "reflink=1"});
+    if (withReflink.empty()) GTEST_SKIP() << whyNot_;
+    const auto without = mountImage("xfs-plain", {"mkfs.xfs", "-q", "-f", "-m", "reflink=0"});
+    if (without.empty()) GTEST_SKIP() << whyNot_;
 
     const auto cloning = fs_.volumeInfo(withReflink);
     const auto plain = fs_.volumeInfo(without);
@@ -302,11 +195,10 @@ TEST_F(RealVolumeTest, XfsClonesOnlyWithReflinkAndEachVolumeHasItsOwnUUID) {
 }
 
 TEST_F(RealVolumeTest, BtrfsClonesAndReportsItsFileSystemUUID) {
-    std::string whyNot;
-    const auto folder = mountImage("btrfs", {"mkfs.btrfs", "-q", "-f", "-L", "VarnelBtr"}, whyNot);
-    if (folder.empty()) GTEST_SKIP() << whyNot;
+    const auto folder = mountImage("btrfs", {"mkfs.btrfs", "-q", "-f", "-L", "VarnelBtr"});
+    if (folder.empty()) GTEST_SKIP() << whyNot_;
     // A subvolume has a device number of its own but belongs to the same volume.
-    const bool haveSubvolume = run({"btrfs", "subvolume", "create", folder + "/sub"}).status == 0;
+    const bool haveSubvolume = runProgram({"btrfs", "subvolume", "create", folder + "/sub"}) == 0;
 
     const auto info = fs_.volumeInfo(folder);
     EXPECT_EQ(info.fileSystemType, "btrfs");

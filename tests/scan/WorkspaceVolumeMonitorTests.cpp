@@ -57,19 +57,19 @@ private:
 };
 
 TEST(WorkspaceVolumeMonitorTest, ReportsALoopFileSystemBeingUnmounted) {
-    MountSandbox mounts;
     if (auto why = MountSandbox::unavailableReason(); !why.empty()) GTEST_SKIP() << why;
     TemporaryDirectory temp;
+    MountSandbox mounts;
     const std::string root = std::filesystem::canonical(temp.path()).string();
     const std::string drive = root + "/Backup Drive";
-    if (auto why = mounts.mountExt4(root + "/drive.img", drive, "Backup"); !why.empty()) GTEST_SKIP() << why;
+    if (auto why = mounts.mountImage(root + "/drive.img", {"mkfs.ext4", "-q", "-F"}, 32 << 20, drive); !why.empty()) GTEST_SKIP() << why;
 
     Reports reports;
     WorkspaceVolumeMonitor monitor;
     monitor.startObserving([&](const std::string& mountPoint) { reports.add(mountPoint); });
 
     // A new mount is no news; its going is.
-    ASSERT_EQ(mounts.mountTmpfs(root + "/scratch"), "");
+    ASSERT_EQ(mounts.mountMemory(root + "/scratch"), "");
     ASSERT_EQ(mounts.unmount(drive), "");
     EXPECT_EQ(reports.waitFor(1), std::vector<std::string>{drive});
     ASSERT_EQ(mounts.unmount(root + "/scratch"), "");
@@ -90,11 +90,11 @@ TEST(WorkspaceVolumeMonitorTest, StopsFromOutsideAndFromInsideItsHandler) {
         monitor.startObserving([](const std::string&) {});  // and can start again
     }                                                       // the destructor stops it
 
-    MountSandbox mounts;
     if (auto why = MountSandbox::unavailableReason(); !why.empty()) GTEST_SKIP() << why;
     TemporaryDirectory temp;
+    MountSandbox mounts;
     const std::string folder = std::filesystem::canonical(temp.path()).string() + "/t";
-    ASSERT_EQ(mounts.mountTmpfs(folder), "");
+    ASSERT_EQ(mounts.mountMemory(folder), "");
 
     // Shared with the handler: its thread, let go by the stop, may outlive this test.
     auto reports = std::make_shared<Reports>();

@@ -1,6 +1,7 @@
 #include "support/ChildProcess.hpp"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -110,11 +111,48 @@ std::optional<ChildProcess::Ended> ChildProcess::poll() {
     return ended_;
 }
 
+std::string inUnprivilegedChild(const std::function<std::string()>& body) {
+    int pipeFds[2];
+    if (::pipe(pipeFds) != 0) return "pipe failed";
+    const pid_t child = ::fork();
+    if (child < 0) return "fork failed";
+    if (child == 0) {
+        ::close(pipeFds[0]);
+        std::string result;
+        if (::geteuid() == 0 && (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
+                                 ::setresuid(65534, 65534, 65534) != 0)) {
+            result = "could not drop privileges";
+        } else {
+            try {
+                result = body();
+            } catch (const std::exception& error) {
+                result = std::string("exception: ") + error.what();
+            }
+        }
+        [[maybe_unused]] const auto written = ::write(pipeFds[1], result.data(), result.size());
+        ::_exit(0);
+    }
+    ::close(pipeFds[1]);
+    std::string output;
+    char buffer[512];
+    for (ssize_t count; (count = ::read(pipeFds[0], buffer, sizeof buffer)) > 0;) {
+        output.append(buffer, static_cast<std::size_t>(count));
+    }
+    ::close(pipeFds[0]);
+    ::waitpid(child, nullptr, 0);
+    return output;
+}
+
 std::string readTextFile(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
     std::ostringstream text;
     text << file.rdbuf();
     return text.str();
+}
+
+void writeTextFile(const std::filesystem::path& path, const std::string& contents) {
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
 }
 
 }  // namespace varnel::testing

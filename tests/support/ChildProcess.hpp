@@ -59,7 +59,14 @@ private:
     std::optional<Ended> ended_;
 };
 
+// Runs `body` in a forked child as the user nobody (65534) when this process is root,
+// since root passes permission bits; as the current user otherwise. What `body`
+// returned, or why the child could not run it.
+std::string inUnprivilegedChild(const std::function<std::string()>& body);
+
 // The text of a file, or "" when it cannot be read.
 std::string readTextFile(const std::filesystem::path& path);
+// Writes a file, creating the folders on the way.
+void writeTextFile(const std::filesystem::path& path, const std::string& contents);
 
 }  // namespace varnel::testing

@@ -4,6 +4,7 @@
 #include "model/JSONProfileStore.hpp"
 #include "platform/POSIXFolderAccess.hpp"
 #include "platform/SecurityScopedBookmarkStore.hpp"
+#include "platform/WorkspaceVolumeMonitor.hpp"
 #include "plan/SafetyGate.hpp"
 #include "scan/RealFileSystem.hpp"
 #include "transfer/POSIXFileFlusher.hpp"
@@ -13,10 +14,11 @@ namespace varnel::testing {
 
 namespace fs = std::filesystem;
 
-EngineHarness::EngineHarness(const fs::path& work) {
+EngineHarness::EngineHarness(const fs::path& work, bool watchVolumes) {
     fs::create_directories(work);
     auto real = std::make_shared<RealFileSystem>(true);
     fileSystem = std::make_shared<FaultInjectingFileSystem>(real);
+    fileSystem->checksVolumes = watchVolumes;
     auto clock = std::make_shared<SteadyMonotonicClock>();
     flusher = std::make_shared<FaultInjectingFlusher>(std::make_shared<POSIXFileFlusher>(clock));
     auto logStore = std::make_shared<RunLogStore>(work / "logs");
@@ -29,6 +31,7 @@ EngineHarness::EngineHarness(const fs::path& work) {
     c.flusher = flusher;
     c.stagingRoot = (work / "tmp" / StagingArea::folderName).string();
     c.homeFolder = (work / "home").string();
+    if (watchVolumes) c.volumeMonitor = std::make_shared<WorkspaceVolumeMonitor>();
     application = std::make_unique<SyncApplication>(std::make_shared<JSONProfileStore>(work / "profiles.json"),
                                                     std::make_shared<JSONFilePreferences>(work / "preferences.json"),
                                                     logStore, c);
@@ -48,13 +51,26 @@ Uuid EngineHarness::addProfile(const fs::path& source, const fs::path& destinati
     return profile.id;
 }
 
-SyncCoordinator::Synchronization EngineHarness::sync(const Uuid& profileID) {
-    auto outcome = application->analyze(profileID);
+namespace {
+
+Confirmation confirmingAll(const SyncCoordinator::AnalysisOutcome& outcome) {
     Confirmation confirmation;
     for (const auto& concern : outcome.decision.concerns) confirmation.acknowledgedConcernIDs.insert(concern.id);
     confirmation.typedPhrase = std::string(SafetyGate::kConfirmationWord);
+    return confirmation;
+}
+
+}  // namespace
+
+SyncCoordinator::Synchronization EngineHarness::sync(const Uuid& profileID) {
+    auto outcome = application->analyze(profileID);
     CancellationFlag cancellation;
-    return application->synchronize(outcome, confirmation, cancellation);
+    return application->synchronize(outcome, confirmingAll(outcome), cancellation);
+}
+
+SyncRunResult EngineHarness::synchronize(SyncCoordinator::AnalysisOutcome& outcome, CancellationFlag& cancellation,
+                                         const SyncCoordinator::TransferProgressHandler& progress) {
+    return application->synchronize(outcome, confirmingAll(outcome), cancellation, progress).result;
 }
 
 std::optional<RecordedError> errorAbout(const SyncRunResult& result, const std::string& path) {
@@ -62,6 +78,16 @@ std::optional<RecordedError> errorAbout(const SyncRunResult& result, const std::
         if (error.relativePath && error.relativePath->value() == path) return error;
     }
     return std::nullopt;
+}
+
+std::string messagesOf(const SyncRunResult& result, const SyncPlan* plan) {
+    std::string text;
+    if (plan != nullptr) {
+        for (const auto& warning : plan->warnings) text += "plan warning: " + warning.message + "\n";
+    }
+    for (const auto& warning : result.warnings) text += "warning: " + warning.message + "\n";
+    for (const auto& error : result.errors) text += error.code + ": " + error.message + "\n";
+    return text;
 }
 
 }  // namespace varnel::testing

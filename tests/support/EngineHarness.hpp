@@ -20,14 +20,20 @@ namespace varnel::testing {
 //     const SyncRunResult result = engine.sync(id).result;
 class EngineHarness {
 public:
-    explicit EngineHarness(const std::filesystem::path& work);
+    // `watchVolumes`: with the real mount-table monitor and the file system's own
+    // vanished-volume check, which stop a run whose drive goes.
+    explicit EngineHarness(const std::filesystem::path& work, bool watchVolumes = false);
 
     // A saved profile from the new-profile preferences with the given options.
     Uuid addProfile(const std::filesystem::path& source, const std::filesystem::path& destination, SyncMode mode,
-                    DurabilityMode durability, VerificationMode verification = VerificationMode::none);
+                    DurabilityMode durability = DurabilityMode::fast,
+                    VerificationMode verification = VerificationMode::none);
     // Analyses the profile and synchronises with every concern acknowledged and the
     // confirmation word typed, as `sync --acknowledge-all --confirm ARCHIVE` does.
     SyncCoordinator::Synchronization sync(const Uuid& profileID);
+    // The second half of that, for an analysis made before.
+    SyncRunResult synchronize(SyncCoordinator::AnalysisOutcome& outcome, CancellationFlag& cancellation,
+                              const SyncCoordinator::TransferProgressHandler& progress = {});
 
     std::shared_ptr<FaultInjectingFileSystem> fileSystem;
     std::shared_ptr<FaultInjectingFlusher> flusher;
@@ -36,5 +42,7 @@ public:
 
 // The one error of a run about `path` ("" when none): its code and message.
 std::optional<RecordedError> errorAbout(const SyncRunResult& result, const std::string& path);
+// Every warning and error message of a run (and of its plan, when given), one per line.
+std::string messagesOf(const SyncRunResult& result, const SyncPlan* plan = nullptr);
 
 }  // namespace varnel::testing

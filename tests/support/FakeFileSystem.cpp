@@ -172,11 +172,6 @@ void FakeFileSystem::setVolume(const std::string& mountPoint, VolumeInfo info) {
     if (mountPoint != "/") addDirectory(mountPoint);
 }
 
-void FakeFileSystem::setCurrentTime(FileTimestamp time) {
-    std::lock_guard lock(mutex_);
-    now_ = time;
-}
-
 // --- Faults and the record of changes -----------------------------------------------
 
 void FakeFileSystem::failNext(const std::string& operation, int errnoValue, std::optional<std::string> path) {

@@ -70,8 +70,6 @@ public:
     // the items' device number and isCaseSensitive decides how names are matched. The
     // default volume "/" is case-sensitive, device 1, with a UUID.
     void setVolume(const std::string& mountPoint, VolumeInfo info);
-    // The time given to items created from now on.
-    void setCurrentTime(FileTimestamp time);
 
     // --- Copies: copyFile copies contents (and logicalSize) in blocks of
     // options.chunkBytes, calling progress after each, and records "copy <from> -> <to>";

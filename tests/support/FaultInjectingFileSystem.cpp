@@ -305,4 +305,8 @@ VolumeInfo FaultInjectingFileSystem::volumeInfo(const std::string& absolutePath)
     return inner_->volumeInfo(absolutePath);
 }
 
+std::optional<int> FaultInjectingFileSystem::volumeFailure(const EndpointRoot& root) {
+    return checksVolumes ? inner_->volumeFailure(root) : std::nullopt;
+}
+
 }  // namespace varnel::testing

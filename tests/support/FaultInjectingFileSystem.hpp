@@ -58,6 +58,11 @@ public:
     // Reports written, renamed and removed files to `writes` from now on.
     void trackWrites(std::shared_ptr<UnflushedWrites> writes);
 
+    // Whether volumeFailure asks the inner file system, as the engine does of the real
+    // one after a failure that may mean a vanished drive; off, it answers "none", so
+    // every failure stays the file's own (as the fault recipes expect).
+    bool checksVolumes = false;
+
     int callCount(const std::string& operation) const;
     // The display path of the first item of every call of `operation` so far, in order
     // (for rename, the item renamed; for copyFile, the staging file).
@@ -93,6 +98,7 @@ public:
     std::string canonicalPath(const std::string& absolutePath) override;
     void makeDirectoryAtPath(const std::string& absolutePath, std::uint16_t mode) override;
     VolumeInfo volumeInfo(const std::string& absolutePath) override;
+    std::optional<int> volumeFailure(const EndpointRoot& root) override;
 
 private:
     struct Trigger {

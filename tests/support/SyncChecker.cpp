@@ -1,8 +1,10 @@
 #include "support/SyncChecker.hpp"
 
 #include "archive/ArchiveLayout.hpp"
+#include "common/Sha256.hpp"
 #include "transfer/PartialFileNaming.hpp"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -261,6 +263,86 @@ void SyncChecker::checkArchive(std::vector<std::string>& problems) const {
         if (count == 0) problems.push_back("“" + path + "” is neither in place nor in the archive");
         if (count > 1) problems.push_back("“" + path + "” is in " + std::to_string(count) + " places (in place and archived)");
     }
+}
+
+namespace {
+
+std::string describeFile(int fd, const struct stat& status, bool withTimes) {
+    std::string contents;
+    char buffer[65536];
+    for (ssize_t count; (count = ::read(fd, buffer, sizeof buffer)) > 0;) contents.append(buffer, count);
+    Sha256 hasher;
+    hasher.update(contents.data(), contents.size());
+    std::string text = "file:" + std::to_string(status.st_size) + ":" + toHex(hasher.finish()).substr(0, 16);
+    if (withTimes) text += ":" + std::to_string(status.st_mtim.tv_sec * 1'000'000'000LL + status.st_mtim.tv_nsec);
+    return text;
+}
+
+void walk(int folderFd, const std::string& prefix, bool withTimes, std::map<std::string, std::string>& state) {
+    const int listFd = ::openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (listFd < 0) return;
+    DIR* folder = ::fdopendir(listFd);
+    if (folder == nullptr) {
+        ::close(listFd);
+        return;
+    }
+    std::vector<std::string> names;
+    while (const dirent* item = ::readdir(folder)) {
+        const std::string name = item->d_name;
+        if (name != "." && name != "..") names.push_back(name);
+    }
+    ::closedir(folder);
+    for (const auto& name : names) {
+        const std::string relative = prefix.empty() ? name : prefix + "/" + name;
+        struct stat status {};
+        if (::fstatat(folderFd, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (S_ISDIR(status.st_mode)) {
+            state[relative] = "dir";
+            const int child = ::openat(folderFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            if (child < 0) continue;
+            walk(child, relative, withTimes, state);
+            ::close(child);
+        } else if (S_ISLNK(status.st_mode)) {
+            std::string target(4096, '\0');
+            const ssize_t length = ::readlinkat(folderFd, name.c_str(), target.data(), target.size());
+            target.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+            state[relative] = "link:" + target;
+        } else if (S_ISREG(status.st_mode)) {
+            const int file = ::openat(folderFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+            if (file < 0) continue;
+            state[relative] = describeFile(file, status, withTimes);
+            ::close(file);
+        } else {
+            state[relative] = "special";
+        }
+    }
+}
+
+}  // namespace
+
+std::map<std::string, std::string> treeState(const fs::path& root, bool withTimes) {
+    std::map<std::string, std::string> state;
+    const int fd = ::open(root.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return state;
+    struct stat status {};
+    if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
+        state[""] = describeFile(fd, status, withTimes);
+    } else {
+        walk(fd, "", withTimes, state);
+    }
+    ::close(fd);
+    return state;
+}
+
+std::string joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const auto& line : lines) text += "  " + line + "\n";
+    return text;
+}
+
+long environmentNumber(const char* name, long fallback) {
+    const char* value = std::getenv(name);
+    return value != nullptr && *value != '\0' ? std::strtol(value, nullptr, 10) : fallback;
 }
 
 }  // namespace varnel::testing

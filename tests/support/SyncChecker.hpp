@@ -69,4 +69,14 @@ std::vector<std::string> snapshotDifferences(const std::map<std::string, std::st
                                              const std::map<std::string, std::string>& after,
                                              const std::string& what);
 
+// What a tree holds: relative path -> "dir", "link:<target>", "special" or
+// "file:<size>:<contents hash>" (with ":<mtime ns>" when asked). Never follows links;
+// walks by names, so paths longer than PATH_MAX work too. A file as `root` is "".
+std::map<std::string, std::string> treeState(const std::filesystem::path& root, bool withTimes = false);
+
+// A checker's problems, one indented line each, for a failure message.
+std::string joined(const std::vector<std::string>& lines);
+// A whole number from the environment (a seed, a trial count), or `fallback` when unset.
+long environmentNumber(const char* name, long fallback);
+
 }  // namespace varnel::testing

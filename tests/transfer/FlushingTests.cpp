@@ -7,7 +7,6 @@
 #include "transfer/POSIXFileFlusher.hpp"
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -213,16 +212,6 @@ TEST_F(POSIXFileFlusherTests, FlushFailuresCloseTheirDescriptorsToo) {
     EXPECT_EQ(openDescriptorCount(), before);
 }
 
-TEST_F(POSIXFileFlusherTests, TheRealCallsFlushThisDisk) {
-    POSIXFileFlusher flusher;
-    for (const auto mode : {DurabilityMode::durable, DurabilityMode::maximum}) {
-        const auto file = flusher.flushFile(root, rel("a/.staged"), mode, 5);
-        const auto folder = flusher.flushDirectory(root, rel("a"), mode);
-        EXPECT_GE(file.seconds, 0.0);
-        EXPECT_GE(folder.seconds, 0.0);
-    }
-}
-
 // --- Outcomes and the run's tally ------------------------------------------------------------
 
 TEST(DurabilityOutcomeTests, ChoosesTheOutcomeOfACommittedFile) {
@@ -231,16 +220,6 @@ TEST(DurabilityOutcomeTests, ChoosesTheOutcomeOfACommittedFile) {
     EXPECT_EQ(chooseDurabilityOutcome(DurabilityMode::durable, false, false), durablyCommitted);
     EXPECT_EQ(chooseDurabilityOutcome(DurabilityMode::maximum, true, true), uncertainDirectoryNotFlushed);
     EXPECT_EQ(chooseDurabilityOutcome(DurabilityMode::maximum, false, true), durableFullFlushUnsupported);
-
-    EXPECT_EQ(label(fastNoFlush), "Written (Fast mode)");
-    EXPECT_EQ(label(durablyCommitted), "Durably committed");
-    EXPECT_EQ(label(uncertainDirectoryNotFlushed), "Durability uncertain");
-    EXPECT_EQ(label(durableFullFlushUnsupported), "Durably committed (full flush unsupported)");
-    for (const auto outcome : {fastNoFlush, durablyCommitted, uncertainDirectoryNotFlushed, durableFullFlushUnsupported}) {
-        EXPECT_EQ(parseDurabilityOutcome(toString(outcome)), outcome);
-    }
-    EXPECT_EQ(toString(uncertainDirectoryNotFlushed), "uncertainDirectoryNotFlushed");
-    EXPECT_EQ(parseDurabilityOutcome("DurablyCommitted"), std::nullopt);
 }
 
 TEST(DurabilitySummaryTests, CountsEachOutcomeAndOnlyRealFlushTimes) {
@@ -264,26 +243,6 @@ TEST(DurabilitySummaryTests, CountsEachOutcomeAndOnlyRealFlushTimes) {
     expected.flushCount = 2;
     EXPECT_EQ(summary, expected);
     EXPECT_DOUBLE_EQ(*summary.averageFlushMilliseconds(), 3.0);
-}
-
-TEST(DurabilitySummaryTests, StoresEveryFieldAndReadsMissingKeysAsANewSummary) {
-    DurabilitySummary summary(DurabilityMode::fast);
-    summary.filesWrittenFastMode = 7;
-    summary.fileFlushFailures = 1;
-    summary.directoryTreeFlushFailures = 2;
-    summary.directoriesTreeFlushed = 3;
-    summary.totalFlushSeconds = 1.25;
-    summary.flushCount = 4;
-    const nlohmann::json json = summary;
-    EXPECT_EQ(json.at("mode"), "fast");
-    EXPECT_EQ(json.size(), 11u);
-    EXPECT_EQ(json.get<DurabilitySummary>(), summary);
-
-    const auto old = nlohmann::json::parse(R"({"filesDurablyCommitted": 2})").get<DurabilitySummary>();
-    DurabilitySummary expected;
-    expected.filesDurablyCommitted = 2;
-    EXPECT_EQ(old, expected);
-    EXPECT_ANY_THROW(nlohmann::json::parse(R"({"mode": "careful"})").get<DurabilitySummary>());
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <unordered_set>
 
 namespace varnel::testing {
 namespace {
@@ -144,13 +143,6 @@ TEST(PartialFileNamingTests, FirstMarkerFoundDecidesAlone) {
               (ParsedName{"a.dovrasync-partial-b", std::nullopt}));
     // Only the first occurrence of a marker counts.
     EXPECT_EQ(naming::parse(".a.varnelsync-partial-b.varnelsync-partial-" + uuidText), std::nullopt);
-}
-
-TEST(PartialFileNamingTests, ParsedNamesHashByValue) {
-    const std::unordered_set<ParsedName> names{
-        {"x", std::nullopt}, {"x", "1a2b3c4d"}, {"x", "1A2B3C4D"}, {"x", std::nullopt}, {"y", std::nullopt}};
-    EXPECT_EQ(names.size(), 4u);
-    EXPECT_TRUE(names.contains(ParsedName{"x", "1a2b3c4d"}));
 }
 
 }  // namespace

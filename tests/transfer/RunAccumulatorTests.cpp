@@ -70,25 +70,5 @@ TEST(RunAccumulatorTest, OutcomesWarningsAndDurability) {
     EXPECT_EQ(stopped.makeResult(facts()).outcome, SyncRunOutcome::cancelled);
 }
 
-TEST(SyncRunResultTest, JsonKeysInDeclarationOrderAndRoundTrip) {
-    RunAccumulator run(DurabilityMode::maximum);
-    run.recordFailure(copyOf("x"), SyncError::VerificationFailed{*RelativePath::fromString("x"), "aa", "bb"});
-    auto f = facts();
-    f.startedAt = *parseISO8601("2026-03-01T09:30:00Z");
-    f.finishedAt = *parseISO8601("2026-03-01T09:30:02Z");
-    f.logFileName = "run-X.jsonl";
-    const SyncRunResult result = run.makeResult(f);
-    EXPECT_EQ(result.verificationFailures, 1);
-    const auto json = toJSON(result);
-    std::vector<std::string> keys;
-    for (const auto& [key, value] : json.items()) keys.push_back(key);
-    EXPECT_EQ(keys.front(), "id");
-    EXPECT_EQ(keys[2], "mode");  // no planID in this run
-    EXPECT_EQ(keys[3], "outcome");
-    EXPECT_EQ(keys.back(), "logFileName");
-    EXPECT_FALSE(json.contains("planID"));
-    EXPECT_EQ(runResultFromJSON(nlohmann::json::parse(json.dump())), result);
-}
-
 }  // namespace
 }  // namespace varnel

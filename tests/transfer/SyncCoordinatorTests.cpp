@@ -1,6 +1,8 @@
 #include "app/SyncApplication.hpp"
 #include "archive/ArchiveLayout.hpp"
+#include "support/EngineHarness.hpp"
 #include "support/MountSandbox.hpp"
+#include "support/SyncChecker.hpp"
 #include "transfer/PartialFileNaming.hpp"
 #include "support/TemporaryDirectory.hpp"
 
@@ -10,7 +12,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <thread>
 
 namespace varnel {
@@ -21,31 +22,13 @@ namespace fs = std::filesystem;
 // A saved profile on real folders, driven through the same layer the front ends use.
 class CoordinatorTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        fs::create_directories(source());
-        fs::create_directories(destination());
-        ApplicationFolders folders;
-        folders.applicationSupport = temp.path() / "support";
-        folders.profilesFile = folders.applicationSupport / "profiles.json";
-        folders.preferencesFile = folders.applicationSupport / "preferences.json";
-        folders.logsFolder = temp.path() / "logs";
-        folders.temporaryFolder = temp.path() / "tmp";
-        app = std::make_unique<SyncApplication>(SyncApplication::Options{folders, false});
-        app->load();
-    }
-
     fs::path source() const { return temp.path() / "src"; }
     fs::path destination() const { return temp.path() / "dst"; }
 
     Uuid addProfile(SyncMode mode, const fs::path& destinationFolder) {
-        SyncProfile profile = app->makeProfile();
-        profile.name = "Test";
-        profile.mode = mode;
-        profile.durability = DurabilityMode::durable;
-        app->chooseFolder(profile, EndpointRole::source, source());
-        app->chooseFolder(profile, EndpointRole::destination, destinationFolder);
-        app->add(profile);
-        return profile.id;
+        fs::create_directories(source());
+        fs::create_directories(destinationFolder);
+        return engine.addProfile(source(), destinationFolder, mode, DurabilityMode::durable);
     }
     Uuid addProfile(SyncMode mode) { return addProfile(mode, destination()); }
 
@@ -60,24 +43,9 @@ protected:
         return sync(outcome, confirmation);
     }
 
-    // Everything about a tree that analysis must not change.
-    std::map<std::string, std::string> snapshot(const fs::path& root) const {
-        std::map<std::string, std::string> state;
-        for (const auto& item : fs::recursive_directory_iterator(root)) {
-            struct stat s {};
-            ::lstat(item.path().c_str(), &s);
-            char names[1024] = {};
-            const auto length = ::llistxattr(item.path().c_str(), names, sizeof names);
-            state[item.path().string()] = std::to_string(s.st_size) + "/" + std::to_string(s.st_mtim.tv_sec) + "." +
-                                          std::to_string(s.st_mtim.tv_nsec) + "/" + std::to_string(s.st_mode) + "/" +
-                                          std::string(names, length > 0 ? static_cast<std::size_t>(length) : 0);
-        }
-        state["."] = std::to_string(fs::last_write_time(root).time_since_epoch().count());
-        return state;
-    }
-
     testing::TemporaryDirectory temp;
-    std::unique_ptr<SyncApplication> app;
+    testing::EngineHarness engine{temp / "app"};
+    SyncApplication* app = engine.application.get();
 };
 
 TEST_F(CoordinatorTest, UpdateRunFromASavedProfileIsLoggedAndRecorded) {
@@ -196,19 +164,18 @@ TEST_F(CoordinatorTest, AnalysisWritesNothingToEitherFolder) {
     temp.writeFile("dst/only.txt", "o");
     ::setxattr((source() / "photos/a.jpg").c_str(), "user.tag", "v", 1, 0);
     const Uuid id = addProfile(SyncMode::mirror);
-    const auto before = std::make_pair(snapshot(source()), snapshot(destination()));
+    const auto snapshot = testing::SyncChecker::snapshot;  // ctimes included: xattrs and modes count too
+    const auto before = std::make_pair(snapshot(temp / "src"), snapshot(temp / "dst"));
     const auto outcome = app->analyze(id);
     EXPECT_FALSE(outcome.plan.actions.empty());
-    EXPECT_EQ(std::make_pair(snapshot(source()), snapshot(destination())), before);
+    EXPECT_EQ(std::make_pair(snapshot(temp / "src"), snapshot(temp / "dst")), before);
 }
 
 TEST_F(CoordinatorTest, ABlockerRefusesBeforeAnythingIsWritten) {
     if (const auto why = testing::MountSandbox::unavailableReason(); !why.empty()) GTEST_SKIP() << why;
     const fs::path small = temp.path() / "small";
-    fs::create_directories(small);
-    if (testing::runProgram({"mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", small.string()}) != 0) {
-        GTEST_SKIP() << "could not mount a 1 MB tmpfs";
-    }
+    testing::MountSandbox mounts;
+    ASSERT_EQ(mounts.mountMemory(small, "size=1m"), "");
     temp.writeFile("src/big.bin", std::string(3'000'000, 'b'));
     const Uuid id = addProfile(SyncMode::update, small);
     auto outcome = app->analyze(id);
@@ -221,11 +188,10 @@ TEST_F(CoordinatorTest, ABlockerRefusesBeforeAnythingIsWritten) {
         EXPECT_EQ(error.code(), "insufficient_space");
     }
     EXPECT_TRUE(fs::is_empty(small));
-    testing::runProgram({"umount", small.string()});
 }
 
 TEST_F(CoordinatorTest, AnUnwritableLogFolderLeavesTheRunSuccessful) {
-    temp.writeFile("logs", "a file where the log folder should be");
+    temp.writeFile("app/logs", "a file where the log folder should be");
     temp.writeFile("src/a.txt", "a");
     const Uuid id = addProfile(SyncMode::update);
     auto outcome = app->analyze(id);

@@ -2,9 +2,9 @@
 #include "plan/SyncPlanner.hpp"
 #include "scan/RealFileSystem.hpp"
 #include "scan/SyncScanner.hpp"
+#include "support/SyncChecker.hpp"
 #include "support/TemporaryDirectory.hpp"
 #include "transfer/POSIXFileFlusher.hpp"
-#include "transfer/PartialFileNaming.hpp"
 #include "transfer/SyncExecutor.hpp"
 
 #include <gtest/gtest.h>
@@ -64,14 +64,7 @@ protected:
                                 progress);
     }
 
-    // Every name below the destination that is a staging file.
-    std::vector<std::string> stagingLeftovers() const {
-        std::vector<std::string> found;
-        for (const auto& item : fs::recursive_directory_iterator(destination())) {
-            if (PartialFileNaming::isStagingName(item.path().filename().string())) found.push_back(item.path());
-        }
-        return found;
-    }
+    std::vector<std::string> stagingLeftovers() const { return testing::stagingItemsBelow(destination()); }
 
     testing::TemporaryDirectory temp;
     std::shared_ptr<RealFileSystem> fileSystem = std::make_shared<RealFileSystem>();
@@ -144,20 +137,6 @@ TEST_F(ExecutorTest, UpdateNeverTouchesDestinationOnlyItems) {
     EXPECT_EQ(execution.result.itemsArchived, 0);
     EXPECT_EQ(temp.readFile("dst/mine.txt"), "the user's own file");
     EXPECT_FALSE(fs::exists(destination() / ".VarnelSync-Archive"));
-}
-
-TEST_F(ExecutorTest, ASourceEditedAfterAnalysisIsSkippedWithAWarning) {
-    temp.writeFile("src/doc.txt", "first");
-    temp.writeFile("src/other.txt", "other");
-    const SyncPlan plan = analyze(SyncMode::update);
-    temp.writeFile("src/doc.txt", "edited after the plan was made");
-    const auto result = run(plan).result;
-    EXPECT_EQ(result.filesSkipped, 1);
-    EXPECT_EQ(result.filesCopied, 1);
-    EXPECT_FALSE(fs::exists(destination() / "doc.txt"));
-    ASSERT_EQ(result.warnings.size(), 1u);
-    EXPECT_EQ(result.warnings[0].category, SyncWarning::Category::sourceChangedDuringRun);
-    EXPECT_EQ(result.outcome, SyncRunOutcome::completedWithWarnings);
 }
 
 TEST_F(ExecutorTest, StoppingMidRunKeepsEarlierFilesCompleteAndLeavesNoStagingFile) {
