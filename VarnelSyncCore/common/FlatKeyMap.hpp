@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -11,16 +12,15 @@ namespace varnel {
 
 // A map from text to small values in one flat array with linear probing, for look-ups
 // made once per scanned item: a look-up reads one bucket, and the key's text only to
-// confirm a hit, where a node-based map follows three pointers. Keys are views, so their
-// text must outlive the map; nothing is ever erased.
+// confirm a hit, where a node-based map follows three pointers. A bucket is the key's
+// address and size, its hash and the value (24 bytes for two 32-bit indices), and the
+// array is sized to the expected count rather than to a power of two, since a plan holds
+// one bucket per item of the larger side. Keys are views, so their text must outlive the
+// map; nothing is ever erased. Keys are at most 4 GiB long.
 template <typename Value>
 class FlatKeyMap {
 public:
-    explicit FlatKeyMap(std::size_t expectedSize = 0) {
-        std::size_t capacity = 16;
-        while (capacity * 3 < expectedSize * 4) capacity *= 2;
-        buckets_.resize(capacity);
-    }
+    explicit FlatKeyMap(std::size_t expectedSize = 0) : buckets_(capacityFor(expectedSize)) {}
 
     // The value of `key`, inserted value-initialised when absent; true when inserted.
     std::pair<Value&, bool> tryEmplace(std::string_view key) {
@@ -29,7 +29,7 @@ public:
         const std::uint32_t hash = hashOf(key);
         Bucket& bucket = buckets_[indexFor(key, hash)];
         if (bucket.isEmpty()) {
-            bucket = Bucket{key, hash, Value{}};
+            bucket = Bucket{key.data(), static_cast<std::uint32_t>(key.size()), hash, Value{}};
             ++size_;
             return {bucket.value, true};
         }
@@ -49,11 +49,18 @@ public:
 
 private:
     struct Bucket {
-        std::string_view key{nullptr, 0};  // a null data pointer marks an empty bucket
+        const char* key = nullptr;  // null marks an empty bucket
+        std::uint32_t keySize = 0;
         std::uint32_t hash = 0;
         Value value{};
-        bool isEmpty() const { return key.data() == nullptr; }
+        bool isEmpty() const { return key == nullptr; }
+        bool holds(std::string_view other, std::uint32_t otherHash) const {
+            return hash == otherHash && std::string_view(key, keySize) == other;
+        }
     };
+
+    // Room for `expectedSize` keys at two thirds full.
+    static std::size_t capacityFor(std::size_t expectedSize) { return std::max<std::size_t>(16, expectedSize / 2 * 3 + 2); }
 
     static std::uint32_t hashOf(std::string_view key) {
         const std::size_t full = std::hash<std::string_view>{}(key);
@@ -63,12 +70,14 @@ private:
     // An empty key is stored with a non-null view, so that null can mark empty buckets.
     static std::string_view nonNull(std::string_view key) { return key.data() ? key : std::string_view(""); }
 
-    // The index of the bucket holding `key`, or of the empty one where it belongs.
+    // The index of the bucket holding `key`, or of the empty one where it belongs. The
+    // hash is scaled onto the array (a multiply and a shift), so any size works.
     std::size_t indexFor(std::string_view key, std::uint32_t hash) const {
-        const std::size_t mask = buckets_.size() - 1;
-        for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
+        const std::size_t count = buckets_.size();
+        std::size_t i = static_cast<std::size_t>((static_cast<std::uint64_t>(hash) * count) >> 32);
+        for (;; i = i + 1 == count ? 0 : i + 1) {
             const Bucket& bucket = buckets_[i];
-            if (bucket.isEmpty() || (bucket.hash == hash && bucket.key == key)) return i;
+            if (bucket.isEmpty() || bucket.holds(key, hash)) return i;
         }
     }
 
@@ -76,11 +85,11 @@ private:
         std::vector<Bucket> old(buckets_.size() * 2);
         old.swap(buckets_);
         for (Bucket& bucket : old) {
-            if (!bucket.isEmpty()) buckets_[indexFor(bucket.key, bucket.hash)] = std::move(bucket);
+            if (!bucket.isEmpty()) buckets_[indexFor({bucket.key, bucket.keySize}, bucket.hash)] = std::move(bucket);
         }
     }
 
-    std::vector<Bucket> buckets_;  // a power of two in size, at most three quarters full
+    std::vector<Bucket> buckets_;  // at most three quarters full
     std::size_t size_ = 0;
 };
 

@@ -48,7 +48,6 @@ struct KeySlot {
     static constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
     std::uint32_t destination = kNone;  // the destination item's index in its scan
     std::uint32_t firstSource = kNone;  // the index of the first source item planned under this key
-    bool matched = false;               // the source still holds the destination item
 };
 
 std::string_view parentKey(std::string_view key) {
@@ -73,7 +72,8 @@ public:
         : input_(input),
           comparator_(comparator),
           keys_(input.destinationCaseSensitive),
-          slots_(std::max(input.destination.size(), input.source.size())) {
+          slots_(std::max(input.destination.size(), input.source.size())),
+          matched_(input.destination.size()) {
         if (std::max(input.destination.size(), input.source.size()) >= KeySlot::kNone) {
             throw std::length_error("More items than one plan can hold.");
         }
@@ -97,7 +97,7 @@ public:
             if (!unplannedFolders_.empty() && unplannedFolders_.contains(parentKey(key))) {
                 if (entry.isDirectory()) unplannedFolders_.insert(key);
                 // Never archive what the source still holds.
-                if (KeySlot* found = slots_.find(key)) found->matched = true;
+                if (const KeySlot* found = slots_.find(key)) markMatched(*found);
                 continue;
             }
             KeySlot& slot = slots_.tryEmplace(key).first;
@@ -142,7 +142,7 @@ public:
         if (input_.mode != SyncMode::mirror) return;
         for (const FileSystemEntry& entry : input_.destination.orderedEntries()) {
             const std::string_view key = keys_.of(entry.relativePath);
-            if (const KeySlot* found = slots_.find(key); found && found->matched) continue;
+            if (const KeySlot* found = slots_.find(key); found && isMatched(*found)) continue;
             // An exclusion protects the destination item too.
             if (isAtOrBelow(key, excludedKeys_)) continue;
             // What the source could not list cannot be judged missing.
@@ -167,12 +167,20 @@ public:
         addRunWarnings(warnings, plan.summary);
         plan.summary.warningCount = static_cast<std::int64_t>(warnings.size());
 
+        slots_ = FlatKeyMap<KeySlot>();  // its room goes to the sort
         sortActionsForExecution(creations_, files_, archives_, others_, plan.actions);
         plan.notes = cloudFolderNotes(plan);
         return plan;
     }
 
 private:
+    void markMatched(const KeySlot& slot) {
+        if (slot.destination != KeySlot::kNone) matched_[slot.destination] = true;
+    }
+    bool isMatched(const KeySlot& slot) const {
+        return slot.destination != KeySlot::kNone && matched_[slot.destination];
+    }
+
     void planSourceCollision(const FileSystemEntry& entry, const RelativePath& earlier) {
         emit(others_, SyncAction{SyncActionType::warning, entry.relativePath, Reason::CaseCollision{std::string(earlier.value())},
                                  shared(entry), std::nullopt, 0});
@@ -187,7 +195,7 @@ private:
         const FileSystemEntry* destination = nullptr;
         if (slot.destination != KeySlot::kNone) {
             destination = &input_.destination.orderedEntries()[slot.destination];
-            slot.matched = true;
+            markMatched(slot);
         }
         if (source.kind == EntryKind::unsupported) {
             emit(others_, SyncAction{SyncActionType::skipUnsupportedItem, source.relativePath,
@@ -363,6 +371,8 @@ private:
     MatchKeys keys_;
 
     FlatKeyMap<KeySlot> slots_;
+    // By destination index: whether the source still holds that key's destination item.
+    std::vector<bool> matched_;
     KeySet unplannedFolders_;
     KeySet excludedKeys_;
     KeySet unreadableSourceKeys_;
