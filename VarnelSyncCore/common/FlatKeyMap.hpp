@@ -60,7 +60,9 @@ private:
     };
 
     // Room for `expectedSize` keys at two thirds full.
-    static std::size_t capacityFor(std::size_t expectedSize) { return std::max<std::size_t>(16, expectedSize / 2 * 3 + 2); }
+    static std::size_t capacityFor(std::size_t expectedSize) {
+        return std::max<std::size_t>(16, expectedSize / 2 * 3 + 2);
+    }
 
     static std::uint32_t hashOf(std::string_view key) {
         const std::size_t full = std::hash<std::string_view>{}(key);

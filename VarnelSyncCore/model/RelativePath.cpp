@@ -6,29 +6,34 @@
 #include <nlohmann/json.hpp>
 
 #include <cstring>
-#include <limits>
 #include <new>
 #include <stdexcept>
 
 namespace varnel {
 
-RelativePath::Text* RelativePath::Text::make(std::string_view value, std::string_view canonical) {
+RelativePath::Text* RelativePath::Text::make(std::string_view parent, std::string_view name,
+                                             std::string_view canonical) {
+    const std::size_t size = parent.empty() ? name.size() : parent.size() + 1 + name.size();
     // The top bit of the size marks a canonical form, so sizes stay below it.
-    if (value.size() >= kHasCanonical || canonical.size() >= kHasCanonical) {
-        throw std::length_error("Path too long.");
-    }
-    std::size_t bytes = sizeof(Text) + value.size();
+    if (size >= kHasCanonical || canonical.size() >= kHasCanonical) throw std::length_error("Path too long.");
+    std::size_t bytes = sizeof(Text) + size;
     if (!canonical.empty()) bytes += sizeof(std::uint32_t) + canonical.size();
     void* memory = std::malloc(bytes);
     if (!memory) throw std::bad_alloc();
     Text* text = new (memory) Text;
-    text->size_ = static_cast<std::uint32_t>(value.size()) | (canonical.empty() ? 0 : kHasCanonical);
+    text->size_ = static_cast<std::uint32_t>(size) | (canonical.empty() ? 0 : kHasCanonical);
     char* out = reinterpret_cast<char*>(text + 1);
-    std::memcpy(out, value.data(), value.size());
+    if (!parent.empty()) {
+        std::memcpy(out, parent.data(), parent.size());
+        out += parent.size();
+        *out++ = '/';
+    }
+    std::memcpy(out, name.data(), name.size());
+    out += name.size();
     if (!canonical.empty()) {
         const auto canonicalSize = static_cast<std::uint32_t>(canonical.size());
-        std::memcpy(out + value.size(), &canonicalSize, sizeof canonicalSize);
-        std::memcpy(out + value.size() + sizeof canonicalSize, canonical.data(), canonical.size());
+        std::memcpy(out, &canonicalSize, sizeof canonicalSize);
+        std::memcpy(out + sizeof canonicalSize, canonical.data(), canonical.size());
     }
     return text;
 }
@@ -87,7 +92,7 @@ std::optional<RelativePath> RelativePath::fromString(std::string_view value) {
         if (slash == std::string_view::npos) break;
         start = slash + 1;
     }
-    return RelativePath(value, canonicalFormOfPath(value));
+    return RelativePath({}, value, canonicalFormOfPath(value));
 }
 
 std::optional<RelativePath> RelativePath::fromComponents(const std::vector<std::string>& components) {
@@ -102,13 +107,6 @@ std::optional<RelativePath> RelativePath::fromComponents(const std::vector<std::
 
 std::optional<RelativePath> RelativePath::appending(std::string_view name) const {
     if (!isValidComponent(name)) return std::nullopt;
-    std::string value;
-    value.reserve(this->value().size() + 1 + name.size());
-    if (!isRoot()) {
-        value += this->value();
-        value += '/';
-    }
-    value += name;
     // "/" never combines with a neighbour, so the canonical form can be built per part.
     std::string canonical;
     std::string nameCanonical = canonicalFormOf(name);
@@ -119,7 +117,7 @@ std::optional<RelativePath> RelativePath::appending(std::string_view name) const
         }
         canonical += nameCanonical.empty() ? std::string(name) : nameCanonical;
     }
-    return RelativePath(value, canonical);
+    return RelativePath(value(), name, canonical);
 }
 
 RelativePath RelativePath::parent() const {

@@ -40,7 +40,9 @@ public:
     std::optional<RelativePath> appending(std::string_view name) const;
 
     bool isRoot() const { return text_ == nullptr; }
-    std::string_view value() const { return text_ ? std::string_view(text_->bytes(), text_->size()) : std::string_view(); }
+    std::string_view value() const {
+        return text_ ? std::string_view(text_->bytes(), text_->size()) : std::string_view();
+    }
     // The value, with the root shown as "/" (used in every message).
     std::string description() const { return isRoot() ? std::string("/") : std::string(value()); }
 
@@ -70,7 +72,8 @@ private:
     // header; when the canonical form differs (rare), its size and bytes follow them.
     class Text {
     public:
-        static Text* make(std::string_view value, std::string_view canonical);
+        // The value is `parent` + "/" + `name`, or `name` alone when `parent` is empty.
+        static Text* make(std::string_view parent, std::string_view name, std::string_view canonical);
         void retain() { references_.fetch_add(1, std::memory_order_relaxed); }
         bool release() { return references_.fetch_sub(1, std::memory_order_acq_rel) == 1; }
         std::uint32_t size() const { return size_ & ~kHasCanonical; }
@@ -84,7 +87,8 @@ private:
         std::uint32_t size_ = 0;
     };
 
-    RelativePath(std::string_view value, std::string_view canonical) : text_(Text::make(value, canonical)) {}
+    RelativePath(std::string_view parent, std::string_view name, std::string_view canonical)
+        : text_(Text::make(parent, name, canonical)) {}
     void retain() const {
         if (text_) text_->retain();
     }

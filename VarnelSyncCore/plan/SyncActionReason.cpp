@@ -41,7 +41,14 @@ R::Case decodeCase(std::size_t index, const Json& p) {
             return R::TimestampsDifferAmbiguously{p.at("sourceTime").get<FileTimestamp>(),
                                                   p.at("destinationTime").get<FileTimestamp>()};
         case 4: return R::TypeChanged{kindFrom(p.at("from")), kindFrom(p.at("to"))};
-        case 5: return R::SymlinkTargetChanged{p.at("from").get<std::string>(), p.at("to").get<std::string>()};
+        case 5: {
+            const auto from = p.at("from").get<std::string>();
+            const auto to = p.at("to").get<std::string>();
+            if (from.find('\0') != std::string::npos || to.find('\0') != std::string::npos) {
+                throw DecodingError("Invalid link target in: " + p.dump());
+            }
+            return R::SymlinkTargetChanged{from, to};
+        }
         case 6: return R::IdenticalMetadata{};
         case 7: return R::MissingParentDirectory{};
         case 8: return R::NotPresentInSource{};
@@ -64,6 +71,19 @@ R::Case decodeCase(std::size_t index, const Json& p) {
 }
 
 }  // namespace
+
+SyncActionReason::SymlinkTargetChanged::SymlinkTargetChanged(std::string_view from, std::string_view to) {
+    targets_.reserve(from.size() + 1 + to.size());
+    targets_.append(from).append(1, '\0').append(to);
+}
+
+std::string_view SyncActionReason::SymlinkTargetChanged::from() const {
+    return std::string_view(targets_).substr(0, targets_.find('\0'));
+}
+
+std::string_view SyncActionReason::SymlinkTargetChanged::to() const {
+    return std::string_view(targets_).substr(targets_.find('\0') + 1);
+}
 
 std::string_view SyncActionReason::name() const {
     return kNames[case_.index()];
@@ -120,7 +140,7 @@ void to_json(Json& json, const SyncActionReason& reason) {
                 return Json{{"sourceTime", c.sourceTime}, {"destinationTime", c.destinationTime}};
             },
             [](const R::TypeChanged& c) { return Json{{"from", toString(c.from)}, {"to", toString(c.to)}}; },
-            [](const R::SymlinkTargetChanged& c) { return Json{{"from", c.from}, {"to", c.to}}; },
+            [](const R::SymlinkTargetChanged& c) { return Json{{"from", c.from()}, {"to", c.to()}}; },
             [](const R::MatchedExclusionRule& c) { return Json{{"description", c.description}}; },
             [](const R::UnsupportedFileType& c) { return Json{{"_0", toString(c.reason)}}; },
             [](const R::CaseCollision& c) { return Json{{"otherPath", c.otherPath}}; },

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <variant>
 
 namespace varnel {
@@ -24,7 +25,17 @@ public:
     VARNEL_REASON(SourceIsNewer, FileTimestamp sourceTime; FileTimestamp destinationTime;);
     VARNEL_REASON(TimestampsDifferAmbiguously, FileTimestamp sourceTime; FileTimestamp destinationTime;);
     VARNEL_REASON(TypeChanged, EntryKind from; EntryKind to;);
-    VARNEL_REASON(SymlinkTargetChanged, std::string from; std::string to;);
+    // Both targets in one string, joined by a NUL that no link target holds: two strings
+    // here would make this rare case set the size of every reason, and so of every action.
+    struct SymlinkTargetChanged {
+        SymlinkTargetChanged(std::string_view from, std::string_view to);
+        std::string_view from() const;
+        std::string_view to() const;
+        friend bool operator==(const SymlinkTargetChanged&, const SymlinkTargetChanged&) = default;
+
+    private:
+        std::string targets_;
+    };
     VARNEL_REASON(IdenticalMetadata, );
     VARNEL_REASON(MissingParentDirectory, );
     VARNEL_REASON(NotPresentInSource, );

@@ -126,7 +126,8 @@ public:
         }
         for (const auto& collision : input_.source.caseCollisions) {
             emit(others_, SyncAction{SyncActionType::warning, collision.collided,
-                                     Reason::CaseCollision{std::string(collision.kept.value())}, std::nullopt, std::nullopt, 0});
+                                     Reason::CaseCollision{std::string(collision.kept.value())}, std::nullopt,
+                                     std::nullopt, 0});
         }
         for (const auto& failure : input_.source.readFailures) {
             const Reason reason = failure.errnoValue == EACCES ? Reason(Reason::PermissionDenied{failure.detail})
@@ -182,8 +183,8 @@ private:
     }
 
     void planSourceCollision(const FileSystemEntry& entry, const RelativePath& earlier) {
-        emit(others_, SyncAction{SyncActionType::warning, entry.relativePath, Reason::CaseCollision{std::string(earlier.value())},
-                                 shared(entry), std::nullopt, 0});
+        emit(others_, SyncAction{SyncActionType::warning, entry.relativePath,
+                                 Reason::CaseCollision{std::string(earlier.value())}, shared(entry), std::nullopt, 0});
         warnings_.emplace_back(Category::caseCollision,
                                trFormat("“{}” cannot be distinguished from another source item on the destination "
                                         "volume's naming rules. It was skipped so the two cannot overwrite each other.",

@@ -41,6 +41,13 @@ TEST(SyncActionReasonTest, EveryCaseSurvivesARoundTrip) {
     EXPECT_THROW((void)Json::parse(R"({"noSuchReason":{}})").get<R>(), DecodingError);
     EXPECT_THROW((void)Json::parse(R"({"a":{},"b":{}})").get<R>(), DecodingError);
     EXPECT_THROW((void)Json::parse(R"({"typeChanged":{"from":"pipe","to":"directory"}})").get<R>(), DecodingError);
+
+    // A link's two targets share one string; each must come back on its own side, and a
+    // target holding the joining NUL is refused.
+    EXPECT_EQ(Json(R(R::SymlinkTargetChanged{"old/a", ""})).dump(),
+              R"({"symlinkTargetChanged":{"from":"old/a","to":""}})");
+    EXPECT_THROW((void)Json::parse(R"({"symlinkTargetChanged":{"from":"a\u0000b","to":"c"}})").get<R>(),
+                 DecodingError);
 }
 
 }  // namespace
