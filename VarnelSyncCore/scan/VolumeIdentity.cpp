@@ -2,6 +2,7 @@
 
 #include "common/ByteCount.hpp"
 #include "common/Localization.hpp"
+#include "model/JSONFields.hpp"
 #include "scan/CloudFolderDetection.hpp"
 
 #include <nlohmann/json.hpp>
@@ -17,14 +18,11 @@ void putOptional(nlohmann::json& json, const char* key, const std::optional<T>& 
     if (value) json[key] = *value;
 }
 
-template <typename T>
-void getOptional(const nlohmann::json& json, const char* key, std::optional<T>& value) {
-    const auto found = json.find(key);
-    if (found == json.end() || found->is_null()) {
-        value.reset();
-    } else {
-        value = found->get<T>();
-    }
+// Profiles are read from disk, so each field is checked for its type and range: a
+// number too large for its field is an error, never a conversion out of range.
+std::optional<std::string> optionalText(const nlohmann::json& json, const char* key) {
+    const nlohmann::json* found = json_fields::find(json, key);
+    return found ? std::optional(json_fields::asString(*found, key)) : std::nullopt;
 }
 
 // A disk as the UUID-mismatch sentence names it: “Name”, else "UUID " and its UUID.
@@ -115,15 +113,19 @@ void to_json(nlohmann::json& json, const VolumeIdentity& identity) {
 }
 
 void from_json(const nlohmann::json& json, VolumeIdentity& identity) {
-    getOptional(json, "volumeUUID", identity.volumeUUID);
-    getOptional(json, "volumeName", identity.volumeName);
-    getOptional(json, "mountPointPath", identity.mountPointPath);
-    getOptional(json, "totalCapacity", identity.totalCapacity);
-    identity.isCaseSensitive = json.at("isCaseSensitive").get<bool>();
-    identity.isRemovable = json.at("isRemovable").get<bool>();
-    identity.supportsCloning = json.at("supportsCloning").get<bool>();
-    identity.supportsHighPrecisionTimestamps = json.at("supportsHighPrecisionTimestamps").get<bool>();
-    getOptional(json, "fileProviderDomainID", identity.fileProviderDomainID);
+    using namespace json_fields;
+    identity.volumeUUID = optionalText(json, "volumeUUID");
+    identity.volumeName = optionalText(json, "volumeName");
+    identity.mountPointPath = optionalText(json, "mountPointPath");
+    const nlohmann::json* capacity = find(json, "totalCapacity");
+    identity.totalCapacity =
+        capacity ? std::optional(asInteger<std::int64_t>(*capacity, "totalCapacity")) : std::nullopt;
+    const auto flag = [&](const char* key) { return asBool(require(json, key), key); };
+    identity.isCaseSensitive = flag("isCaseSensitive");
+    identity.isRemovable = flag("isRemovable");
+    identity.supportsCloning = flag("supportsCloning");
+    identity.supportsHighPrecisionTimestamps = flag("supportsHighPrecisionTimestamps");
+    identity.fileProviderDomainID = optionalText(json, "fileProviderDomainID");
 }
 
 }  // namespace varnel
