@@ -14,19 +14,19 @@ namespace varnel {
 // One item as seen by a single statx that never follows a final symbolic link, so the
 // fields are consistent with each other.
 struct FileSystemEntry {
-    // Wide members first and the narrow ones together at the end, so that a scan's
-    // hundreds of thousands of entries carry little padding.
+    // Eight-byte members first, then the times (4-byte aligned) and the narrow ones, so
+    // that a scan's hundreds of thousands of entries carry no padding.
     RelativePath relativePath;
     std::int64_t size = 0;             // logical size of regular files; 0 for every other kind
     std::int64_t allocatedBlocks = 0;  // 512-byte units
+    BoxedOptional<std::string> symlinkTarget;  // links only; absent when readlink failed
+    std::uint64_t deviceID = 0;  // st_dev (Linux device numbers need more than 32 bits)
+    std::uint64_t inode = 0;
     FileTimestamp modificationTime;
     OptionalTimestamp creationTime;  // absent where the file system keeps no birth time
     // st_ctime: moved by every change to the data or the metadata, and, unlike the
     // modification time, not settable by programs; absent where unknown.
     OptionalTimestamp changeTime;
-    BoxedOptional<std::string> symlinkTarget;  // links only; absent when readlink failed
-    std::uint64_t deviceID = 0;  // st_dev (Linux device numbers need more than 32 bits)
-    std::uint64_t inode = 0;
     std::uint32_t ownerUID = 0;
     std::uint32_t ownerGID = 0;
     std::uint32_t hardLinkCount = 1;

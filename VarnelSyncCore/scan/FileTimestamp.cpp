@@ -12,11 +12,10 @@ void to_json(nlohmann::json& json, const FileTimestamp& timestamp) {
 
 void from_json(const nlohmann::json& json, FileTimestamp& timestamp) {
     timestamp.seconds = json.at("seconds").get<std::int64_t>();
-    timestamp.nanoseconds = json.at("nanoseconds").get<std::int64_t>();
+    const auto nanoseconds = json.at("nanoseconds").get<std::int64_t>();
     // Out-of-range counts are no time at all (and -1 marks an absent OptionalTimestamp).
-    if (timestamp.nanoseconds < 0 || timestamp.nanoseconds > 999'999'999) {
-        throw DecodingError("Invalid file time: " + json.dump());
-    }
+    if (nanoseconds < 0 || nanoseconds > 999'999'999) throw DecodingError("Invalid file time: " + json.dump());
+    timestamp.nanoseconds = static_cast<std::int32_t>(nanoseconds);
 }
 
 }  // namespace varnel

@@ -104,7 +104,7 @@ ErrnoOr<std::string> readLinkAt(int dirFd, const char* name, std::size_t expecte
 }
 
 FileTimestamp timestampOf(const statx_timestamp& value) {
-    return FileTimestamp{static_cast<std::int64_t>(value.tv_sec), static_cast<std::int64_t>(value.tv_nsec)};
+    return FileTimestamp{static_cast<std::int64_t>(value.tv_sec), static_cast<std::int32_t>(value.tv_nsec)};
 }
 
 FileSystemEntry entryFromStatx(const struct statx& item, RelativePath path) {

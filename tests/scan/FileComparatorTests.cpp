@@ -7,7 +7,7 @@
 namespace varnel {
 namespace {
 
-FileSystemEntry file(std::int64_t size, std::int64_t seconds, std::int64_t nanoseconds) {
+FileSystemEntry file(std::int64_t size, std::int64_t seconds, std::int32_t nanoseconds) {
     FileSystemEntry entry;
     entry.kind = EntryKind::regularFile;
     entry.size = size;
