@@ -10,9 +10,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <set>
 #include <thread>
 
 namespace varnel {
@@ -76,16 +78,26 @@ protected:
 
 // Takes 1 ms over each staged file's flush and keeps, per destination folder, the most
 // copies it saw in that step at once.
+// Records how many file flushes run at once in each folder. A flush in one of the
+// `awaited` folders waits (up to a second, once per folder) for a second flush to join
+// it, so that copies the engine does run together are seen together even on a loaded
+// machine; a flush elsewhere only lingers a millisecond.
 class FolderCrowdingFlusher final : public FileFlushing {
 public:
+    explicit FolderCrowdingFlusher(std::set<std::string> awaited) : awaited_(std::move(awaited)) {}
+
     FlushResult flushFile(const EndpointRoot& root, const RelativePath& path, DurabilityMode, std::uint64_t) override {
         const std::string folder = fs::path(displayPath(root, path.parent())).filename();
-        {
-            std::lock_guard lock(mutex_);
-            mostAtOnce_[folder] = std::max(mostAtOnce_[folder], ++inside_[folder]);
+        std::unique_lock lock(mutex_);
+        mostAtOnce_[folder] = std::max(mostAtOnce_[folder], ++inside_[folder]);
+        joined_.notify_all();
+        if (awaited_.erase(folder) != 0) {
+            joined_.wait_for(lock, std::chrono::seconds(1), [&] { return mostAtOnce_[folder] > 1; });
+        } else {
+            lock.unlock();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            lock.lock();
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        std::lock_guard lock(mutex_);
         --inside_[folder];
         return {};
     }
@@ -98,6 +110,8 @@ public:
 
 private:
     mutable std::mutex mutex_;
+    std::condition_variable joined_;
+    std::set<std::string> awaited_;
     std::map<std::string, int> inside_, mostAtOnce_;
 };
 
@@ -167,7 +181,7 @@ TEST_F(ExecutorTest, ConcurrentSmallCopiesWorkInDifferentFoldersUnlessOneFolderI
     }
     for (int i = 0; i < 600; ++i) temp.writeFile("src/large/f" + std::to_string(i), "x");
     for (int i = 0; i < 6; ++i) temp.writeFile("src/medium/f" + std::to_string(i), std::string(1'000'000, 'm'));
-    auto crowding = std::make_shared<FolderCrowdingFlusher>();
+    auto crowding = std::make_shared<FolderCrowdingFlusher>(std::set<std::string>{"large", "medium"});
     flusher = crowding;
 
     const auto result = run(analyze(SyncMode::update), DurabilityMode::durable).result;
