@@ -384,33 +384,90 @@ private:
 };
 
 // Sorts the list in place by (depth, path text), or for deepest-first by the exact
-// reverse of that. The sort keys sit side by side, so a comparison reads no action, and
-// each action then moves once, along the cycles of the permutation.
+// reverse of that, and moves each action once, along the cycles of the permutation.
+//
+// Among paths of one depth, the order of the whole text is the order of the folder part
+// ("a/b/", with its final "/") and then of the name: two folder parts of one depth differ
+// before either ends. So siblings, which a scan delivers together, are sorted by their
+// short names within their run, and only the runs (one per folder, far fewer) are
+// ordered by folder; comparing whole paths that share long folder prefixes was most of
+// planning's time.
 void sortInPlace(std::vector<SyncAction>& actions, bool deepestFirst) {
+    if (actions.size() >= std::numeric_limits<std::uint32_t>::max()) {
+        throw std::length_error("More items than one plan can hold.");
+    }
     struct Key {
-        std::size_t depth = 0;
         std::string_view path;
-        std::size_t index = 0;
+        std::uint32_t nameStart = 0;  // the folder part is path[0, nameStart)
+        std::uint32_t index = 0;
+        std::string_view folder() const { return path.substr(0, nameStart); }
+        std::string_view name() const { return path.substr(nameStart); }
     };
+    struct Run {
+        std::size_t depth = 0;
+        std::size_t begin = 0;
+        std::size_t end = 0;
+    };
+    const auto byName = [](const Key& a, const Key& b) { return a.name() < b.name(); };
+
     std::vector<Key> keys;
     keys.reserve(actions.size());
+    std::vector<Run> runs;
     for (std::size_t i = 0; i < actions.size(); ++i) {
         const std::string_view path = actions[i].relativePath.value();
-        const auto depth = path.empty() ? 0 : static_cast<std::size_t>(std::count(path.begin(), path.end(), '/')) + 1;
-        keys.push_back(Key{depth, path, i});
+        const std::size_t slash = path.rfind('/');
+        const Key key{path, static_cast<std::uint32_t>(slash == std::string_view::npos ? 0 : slash + 1),
+                      static_cast<std::uint32_t>(i)};
+        // The root (depth 0) shares the empty folder part with the top level: never one run.
+        if (runs.empty() || keys.back().folder() != key.folder() || path.empty() || keys.back().path.empty()) {
+            const auto depth = path.empty() ? 0 : static_cast<std::size_t>(std::count(path.begin(), path.end(), '/')) + 1;
+            runs.push_back(Run{depth, i, i});
+        }
+        keys.push_back(key);
+        runs.back().end = i + 1;
     }
-    std::sort(keys.begin(), keys.end(), [](const Key& a, const Key& b) {
-        return a.depth != b.depth ? a.depth < b.depth : a.path < b.path;
+    for (const Run& run : runs) {
+        std::sort(keys.begin() + static_cast<std::ptrdiff_t>(run.begin),
+                  keys.begin() + static_cast<std::ptrdiff_t>(run.end), byName);
+    }
+    const auto folderOf = [&](const Run& run) { return keys[run.begin].folder(); };
+    std::stable_sort(runs.begin(), runs.end(), [&](const Run& a, const Run& b) {
+        return a.depth != b.depth ? a.depth < b.depth : folderOf(a) < folderOf(b);
     });
-    if (deepestFirst) std::reverse(keys.begin(), keys.end());
+
+    // order[i]: the index of the action that goes to position i. Runs of one folder that
+    // came apart are now neighbours; their names are merged.
+    std::vector<std::uint32_t> order;
+    order.reserve(actions.size());
+    std::vector<Key> merged;
+    for (std::size_t r = 0; r < runs.size();) {
+        std::size_t next = r + 1;
+        while (next < runs.size() && runs[next].depth == runs[r].depth && folderOf(runs[next]) == folderOf(runs[r])) {
+            ++next;
+        }
+        if (next == r + 1) {
+            for (std::size_t k = runs[r].begin; k < runs[r].end; ++k) order.push_back(keys[k].index);
+        } else {
+            merged.clear();
+            for (std::size_t m = r; m < next; ++m) {
+                merged.insert(merged.end(), keys.begin() + static_cast<std::ptrdiff_t>(runs[m].begin),
+                              keys.begin() + static_cast<std::ptrdiff_t>(runs[m].end));
+            }
+            std::sort(merged.begin(), merged.end(), byName);
+            for (const Key& key : merged) order.push_back(key.index);
+        }
+        r = next;
+    }
+    std::vector<Key>().swap(keys);
+    if (deepestFirst) std::reverse(order.begin(), order.end());
 
     std::vector<bool> placed(actions.size());
     for (std::size_t start = 0; start < actions.size(); ++start) {
         if (placed[start]) continue;
         SyncAction held = std::move(actions[start]);
         std::size_t at = start;
-        for (; keys[at].index != start; at = keys[at].index) {
-            actions[at] = std::move(actions[keys[at].index]);
+        for (; order[at] != start; at = order[at]) {
+            actions[at] = std::move(actions[order[at]]);
             placed[at] = true;
         }
         actions[at] = std::move(held);

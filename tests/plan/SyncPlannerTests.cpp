@@ -262,7 +262,7 @@ TEST(ActionOrderTest, ShallowFirstListsAndDeepestFirstArchives) {
 
 TEST(ActionOrderTest, AgreesWithSortingWholePathsWhateverTheInputOrder) {
     // Names chosen so that "/" sorts between them ("a b" < "a-b" < "a.b" < "a/..." < "a0"),
-    // plus bytes above ASCII; folders come in scattered runs.
+    // plus bytes above ASCII; folders come in scattered runs, and the root sits among them.
     const Strings names{"a", "a b", "a-b", "a.b", "a0", "ab", "b", "Z", "\u00e9", "e"};
     std::mt19937 random(20261122);
     Strings paths;
@@ -275,6 +275,7 @@ TEST(ActionOrderTest, AgreesWithSortingWholePathsWhateverTheInputOrder) {
     std::sort(paths.begin(), paths.end());
     paths.erase(std::unique(paths.begin(), paths.end()), paths.end());
     std::shuffle(paths.begin(), paths.end(), random);
+    paths.insert(paths.begin() + 7, "");  // the root, among top-level items
     // Keep some runs of one folder together, as a scan delivers them.
     std::stable_sort(paths.begin(), paths.begin() + static_cast<std::ptrdiff_t>(paths.size() / 2),
                      [](const std::string& a, const std::string& b) {
