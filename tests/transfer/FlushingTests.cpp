@@ -1,6 +1,7 @@
 #include "common/MonotonicClock.hpp"
 #include "scan/RealFileSystem.hpp"
 #include "support/FakeFileSystem.hpp"
+#include "support/Shorthand.hpp"
 #include "support/TemporaryDirectory.hpp"
 #include "transfer/DurabilityOutcome.hpp"
 #include "transfer/DurabilitySummary.hpp"
@@ -22,18 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-RelativePath rel(const std::string& value) { return *RelativePath::fromString(value); }
-
-// Runs `call` and returns the DurabilityError it throws; fails the test if it returns.
-DurabilityError durabilityErrorOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const DurabilityError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "expected a DurabilityError";
-    return DurabilityError(DurabilityError::FileFlushFailed{"", 0});
-}
+const auto durabilityErrorOf = thrownBy<DurabilityError>;
 
 std::size_t openDescriptorCount() {
     std::size_t count = 0;
