@@ -3,6 +3,7 @@
 #include "scan/SyncScanner.hpp"
 #include "support/FakeFileSystem.hpp"
 #include "support/PlanRendering.hpp"
+#include "support/Shorthand.hpp"
 #include "support/TemporaryDirectory.hpp"
 #include "transfer/SyncError.hpp"
 
@@ -21,6 +22,7 @@ namespace varnel {
 namespace {
 
 using testing::renderActions;
+using testing::thrownBy;
 using testing::warningMessages;
 using Category = SyncWarning::Category;
 using Strings = std::vector<std::string>;
@@ -230,12 +232,8 @@ TEST_F(FakePairTest, PlanningStopsWhenCancelled) {
     fs.addDirectory("/dst");
     std::stop_source stop;
     stop.request_stop();
-    try {
-        (void)analyze(fs, "/src", "/dst", {}, stop.get_token());
-        FAIL() << "planning must stop";
-    } catch (const SyncError& error) {
-        EXPECT_EQ(error.code(), "cancelled");
-    }
+    EXPECT_EQ(thrownBy<SyncError>([&] { (void)analyze(fs, "/src", "/dst", {}, stop.get_token()); }).code(),
+              "cancelled");
 }
 
 TEST(ActionOrderTest, ShallowFirstListsAndDeepestFirstArchives) {
