@@ -106,12 +106,6 @@ TEST_F(POSIXFileFlusherTests, MaximumUsesTheFullFlushAndFallsBackWhenItIsRefused
         storage.fullFlushAnswers = {refusal};
         EXPECT_EQ(flusher.flushDirectory(root, rel("a"), DurabilityMode::maximum), (FlushResult{true, 0.006}));
     }
-
-    // The whole chain: a refused full flush still counts as durably committed.
-    DurabilitySummary summary(DurabilityMode::maximum);
-    summary.record(chooseDurabilityOutcome(DurabilityMode::maximum, false, true));
-    EXPECT_EQ(summary.filesDurablyCommitted, 1);
-    EXPECT_EQ(summary.fullFlushUnsupportedCount, 1);
 }
 
 TEST_F(POSIXFileFlusherTests, EachFailingFlushIsReportedAsItsOwnCase) {
