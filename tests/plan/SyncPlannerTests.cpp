@@ -2,7 +2,6 @@
 #include "scan/RealFileSystem.hpp"
 #include "scan/SyncScanner.hpp"
 #include "support/FakeFileSystem.hpp"
-#include "support/PlanRendering.hpp"
 #include "support/Shorthand.hpp"
 #include "support/TemporaryDirectory.hpp"
 #include "transfer/SyncError.hpp"
@@ -21,11 +20,26 @@
 namespace varnel {
 namespace {
 
-using testing::renderActions;
 using testing::thrownBy;
-using testing::warningMessages;
 using Category = SyncWarning::Category;
 using Strings = std::vector<std::string>;
+
+// "copyNewFile a.txt", one string per action in plan order, for readable assertions.
+Strings renderActions(const SyncPlan& plan) {
+    Strings rendered;
+    for (const auto& action : plan.actions) {
+        rendered.push_back(std::string(toString(action.type)) + " " + std::string(action.relativePath.value()));
+    }
+    return rendered;
+}
+
+Strings warningMessages(const SyncPlan& plan, Category category) {
+    Strings messages;
+    for (const auto& warning : plan.warnings) {
+        if (warning.category == category) messages.push_back(warning.message);
+    }
+    return messages;
+}
 
 struct Options {
     SyncMode mode = SyncMode::update;
