@@ -2,6 +2,7 @@
 #include "archive/ArchiveManager.hpp"
 #include "scan/RealFileSystem.hpp"
 #include "support/FakeFileSystem.hpp"
+#include "support/Shorthand.hpp"
 #include "support/TemporaryDirectory.hpp"
 #include "transfer/SyncError.hpp"
 
@@ -94,12 +95,7 @@ TEST(ArchiveManagerTest, UnreadableItemsAreCountedNotThrown) {
 
     std::stop_source stop;
     stop.request_stop();
-    try {
-        (void)manager.overview(root, stop.get_token());
-        FAIL() << "a cancelled listing must throw";
-    } catch (const SyncError& error) {
-        EXPECT_TRUE(error.is<SyncError::Cancelled>());
-    }
+    EXPECT_TRUE(thrownBy<SyncError>([&] { (void)manager.overview(root, stop.get_token()); }).is<SyncError::Cancelled>());
 }
 
 }  // namespace

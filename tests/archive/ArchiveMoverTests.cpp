@@ -4,6 +4,7 @@
 #include "scan/RealFileSystem.hpp"
 #include "support/FakeFileSystem.hpp"
 #include "support/MountSandbox.hpp"
+#include "support/Shorthand.hpp"
 #include "support/TemporaryDirectory.hpp"
 #include "transfer/FileFlushing.hpp"
 #include "transfer/SyncError.hpp"
@@ -21,8 +22,6 @@ namespace varnel::testing {
 namespace {
 
 namespace fs = std::filesystem;
-
-RelativePath rel(const std::string& value) { return *RelativePath::fromString(value); }
 
 const RelativePath kRun = rel(".VarnelSync-Archive/0F5C2A1E-7B3D-4C8E-9A10-5D2E8F7B6C41/2025-03-07-141502");
 

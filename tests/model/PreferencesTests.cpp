@@ -1,6 +1,7 @@
 #include "model/ApplicationFolders.hpp"
 #include "model/Preferences.hpp"
 
+#include "support/Shorthand.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 #include <gmock/gmock.h>
@@ -15,16 +16,14 @@ namespace {
 namespace fs = std::filesystem;
 namespace keys = preference_keys;
 using ::testing::StartsWith;
+using testing::FixedClock;
 using testing::TemporaryDirectory;
 
-struct FixedClock final : Clock {
-    Date instant = *parseISO8601("2026-03-01T09:30:00Z") + std::chrono::milliseconds(750);
-    Date now() const override { return instant; }
-};
+const Date kNow = *parseISO8601("2026-03-01T09:30:00Z") + std::chrono::milliseconds(750);
 
 TEST(NewProfile, GetsAFreshIdAndWholeSecondTimes) {
     const InMemoryPreferences preferences;
-    const FixedClock clock;
+    const FixedClock clock{kNow};
     const SyncProfile profile = makeNewProfile(preferences, clock);
     EXPECT_FALSE(profile.id.isNil());
     EXPECT_NE(profile.id, makeNewProfile(preferences, clock).id);
@@ -117,7 +116,7 @@ TEST(JSONFilePreferences, ValuesSurviveARestartAndADamagedFileIsSetAside) {
         EXPECT_EQ(preferences.stringValue(keys::newProfileWarnItems, "n/a"), "n/a");  // wrong type
     }
     directory.writeFile("VarnelSync/preferences.json", "[1, 2");
-    const FixedClock clock;
+    const FixedClock clock{kNow};
     const JSONFilePreferences damaged(file, clock);
     ASSERT_TRUE(damaged.loadProblem());
     EXPECT_THAT(*damaged.loadProblem(),

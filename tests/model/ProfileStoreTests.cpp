@@ -1,6 +1,7 @@
 #include "model/InMemoryProfileStore.hpp"
 #include "model/JSONProfileStore.hpp"
 
+#include "support/Shorthand.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 #include <gmock/gmock.h>
@@ -17,18 +18,9 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
+using testing::FixedClock;
+using testing::namesIn;
 using testing::TemporaryDirectory;
-
-struct FixedClock final : Clock {
-    Date instant = *parseISO8601("2026-01-01T00:00:00Z");  // 1767225600
-    Date now() const override { return instant; }
-};
-
-std::set<std::string> namesIn(const fs::path& folder) {
-    std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename().string());
-    return names;
-}
 
 SyncProfile profileNamed(std::string name) {
     SyncProfile profile;
@@ -56,7 +48,7 @@ std::string profileStoreDetail(const std::function<void()>& action) {
 class JSONProfileStoreTest : public ::testing::Test {
 protected:
     TemporaryDirectory directory;
-    FixedClock clock;
+    FixedClock clock{*parseISO8601("2026-01-01T00:00:00Z")};  // 1767225600
     fs::path file = directory / "profiles.json";
     JSONProfileStore store{file, clock};
 };

@@ -1,6 +1,7 @@
 #include "model/SyncProfile.hpp"
 
 #include "common/DecodingError.hpp"
+#include "support/Shorthand.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,11 +12,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using nlohmann::json;
-
-struct FixedClock final : Clock {
-    Date instant = *parseISO8601("2026-03-01T09:30:00Z");
-    Date now() const override { return instant; }
-};
+using testing::FixedClock;
 
 Date at(const char* iso) { return *parseISO8601(iso); }
 
@@ -55,7 +52,7 @@ SyncProfile fullyFilledProfile() {
 }
 
 TEST(SyncProfileDecoding, IdAndNameAloneTakeTheDefaultsAndCountAsALegacyMigrationOnce) {
-    const FixedClock clock;
+    const FixedClock clock{*parseISO8601("2026-03-01T09:30:00Z")};
     const SyncProfile profile =
         decodeSyncProfile({{"id", "0f8fad5b-d9cb-469f-a165-70867728950e"}, {"name", "Photos"}}, clock);
     SyncProfile expected;
@@ -109,12 +106,8 @@ TEST(SyncProfileDecoding, AnyDamagedValueFailsTheWholeProfileNamingTheKey) {
         } else {
             stored[key] = value;
         }
-        try {
-            decodeSyncProfile(stored);
-            ADD_FAILURE() << "decoded";
-        } catch (const DecodingError& error) {
-            EXPECT_THAT(error.what(), ::testing::HasSubstr(key));
-        }
+        EXPECT_THAT(testing::thrownBy<DecodingError>([&] { decodeSyncProfile(stored); }).what(),
+                    ::testing::HasSubstr(key));
     }
     // Inside a schedule every key is required.
     json stored = good;

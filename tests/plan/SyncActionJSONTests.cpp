@@ -1,6 +1,7 @@
 #include "plan/SyncAction.hpp"
 
 #include "common/DecodingError.hpp"
+#include "support/Shorthand.hpp"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -14,11 +15,7 @@ namespace {
 
 using R = SyncActionReason;
 
-RelativePath rel(const std::string& value) {
-    auto path = RelativePath::fromString(value);
-    EXPECT_TRUE(path) << value;
-    return path ? *path : RelativePath();
-}
+using testing::rel;
 
 // The fast writer must give the document writer's text byte for byte, whichever
 // optional fields are present and whatever bytes the names hold.

@@ -2,7 +2,7 @@
 #include "scan/RealFileSystem.hpp"
 #include "scan/SyncScanner.hpp"
 #include "support/FakeFileSystem.hpp"
-#include "support/PlanRendering.hpp"
+#include "support/Shorthand.hpp"
 #include "support/TemporaryDirectory.hpp"
 #include "transfer/SyncError.hpp"
 
@@ -20,10 +20,26 @@
 namespace varnel {
 namespace {
 
-using testing::renderActions;
-using testing::warningMessages;
+using testing::thrownBy;
 using Category = SyncWarning::Category;
 using Strings = std::vector<std::string>;
+
+// "copyNewFile a.txt", one string per action in plan order, for readable assertions.
+Strings renderActions(const SyncPlan& plan) {
+    Strings rendered;
+    for (const auto& action : plan.actions) {
+        rendered.push_back(std::string(toString(action.type)) + " " + std::string(action.relativePath.value()));
+    }
+    return rendered;
+}
+
+Strings warningMessages(const SyncPlan& plan, Category category) {
+    Strings messages;
+    for (const auto& warning : plan.warnings) {
+        if (warning.category == category) messages.push_back(warning.message);
+    }
+    return messages;
+}
 
 struct Options {
     SyncMode mode = SyncMode::update;
@@ -230,12 +246,8 @@ TEST_F(FakePairTest, PlanningStopsWhenCancelled) {
     fs.addDirectory("/dst");
     std::stop_source stop;
     stop.request_stop();
-    try {
-        (void)analyze(fs, "/src", "/dst", {}, stop.get_token());
-        FAIL() << "planning must stop";
-    } catch (const SyncError& error) {
-        EXPECT_EQ(error.code(), "cancelled");
-    }
+    EXPECT_EQ(thrownBy<SyncError>([&] { (void)analyze(fs, "/src", "/dst", {}, stop.get_token()); }).code(),
+              "cancelled");
 }
 
 TEST(ActionOrderTest, ShallowFirstListsAndDeepestFirstArchives) {

@@ -10,6 +10,7 @@
 #include "transfer/SyncError.hpp"
 
 #include "support/ChildProcess.hpp"
+#include "support/Shorthand.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 #include <gmock/gmock.h>
@@ -25,10 +26,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
-
-struct FixedClock final : Clock {
-    Date now() const override { return *parseISO8601("2026-01-01T00:00:00Z"); }  // 1767225600
-};
 
 const std::string kMovedName = "profiles.corrupt-1767225600.json";
 const std::string kMovedMessage = "The saved profiles could not be read and were moved to " + kMovedName + " (";
@@ -53,12 +50,6 @@ std::string repeated(const std::string& text, int count) {
     result.reserve(text.size() * static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i) result += text;
     return result;
-}
-
-std::set<std::string> namesIn(const fs::path& folder) {
-    std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename().string());
-    return names;
 }
 
 class BrokenProfilesFileTest : public ::testing::Test {
@@ -92,7 +83,7 @@ protected:
     }
 
     TemporaryDirectory directory;
-    FixedClock clock;
+    FixedClock clock{*parseISO8601("2026-01-01T00:00:00Z")};  // 1767225600
     fs::path file = directory / "profiles.json";
     JSONProfileStore store{file, clock};
 };
@@ -234,12 +225,8 @@ TEST_F(DamagedRunLogTest, ADamagedLineBeforeTheLastStillFails) {
           // Refused without being copied: a recursive copy of this overflowed the stack.
           R"({"timestamp":"t","kind":"k","payload":{"v":)" + repeated("[", 200'000) + repeated("]", 200'000) + "}}"}) {
         SCOPED_TRACE(damaged.substr(0, 60));
-        try {
-            readBack(lines[0] + "\n" + damaged + "\n" + lines[2] + "\n");
-            ADD_FAILURE() << "a damaged second line was accepted";
-        } catch (const DecodingError& error) {
-            EXPECT_THAT(error.what(), ::testing::StartsWith("Line 2: "));
-        }
+        EXPECT_THAT(thrownBy<DecodingError>([&] { readBack(lines[0] + "\n" + damaged + "\n" + lines[2] + "\n"); }).what(),
+                    ::testing::StartsWith("Line 2: "));
     }
 }
 

@@ -78,6 +78,27 @@ protected:
         ASSERT_EQ(freeBytes(folder), leave);
     }
 
+    // `--json sync` of the profile: its result, after checking the exit status.
+    nlohmann::json sync(const std::string& id, int exitCode) const {
+        const auto run = cli->run({"--json", "sync", id, "--acknowledge-all", "--confirm", "ARCHIVE"});
+        EXPECT_EQ(run.ended.exitCode, exitCode) << run.err;
+        const auto result = nlohmann::json::parse(run.out, nullptr, false);
+        if (result.is_discarded()) throw std::runtime_error("no JSON result: " + run.out + run.err);
+        return result;
+    }
+
+    // A run that completed with warnings after failing `path` alone for lack of space,
+    // which still holds `old` and has no staging file beside it.
+    static void expectOnlyFailedForSpace(const nlohmann::json& result, const fs::path& destination,
+                                         const std::string& path, const std::string& old) {
+        EXPECT_EQ(result.value("outcome", ""), "completedWithWarnings");
+        ASSERT_EQ(result["errors"].size(), 1u) << result.dump(2);
+        EXPECT_EQ(result["errors"][0].value("relativePath", ""), path);
+        EXPECT_THAT(result["errors"][0].value("message", ""), ::testing::HasSubstr(std::strerror(ENOSPC)));
+        EXPECT_EQ(readTextFile(destination / path), old);
+        EXPECT_EQ(stagingItemsBelow(destination), std::vector<std::string>{});
+    }
+
     TemporaryDirectory temporary;
     MountSandbox mounts;
     std::unique_ptr<CommandLineRunner> cli;
@@ -100,21 +121,12 @@ TEST_F(RealDiskFullTests, ANearlyFullTmpfsFailsTheUpdateThatNoLongerFitsAndKeeps
 
     const auto id = cli->addProfile("Full", temporary / "src", destination, {"--mode", "update", "--durability",
                                                                              "durable"});
-    const auto run = cli->run({"--json", "sync", id, "--acknowledge-all", "--confirm", "ARCHIVE"});
-    EXPECT_EQ(run.ended.exitCode, 1) << run.err;
-    const auto result = nlohmann::json::parse(run.out, nullptr, false);
-    ASSERT_FALSE(result.is_discarded()) << run.out << run.err;
-    EXPECT_EQ(result.value("outcome", ""), "completedWithWarnings");
+    const auto result = sync(id, 1);
     EXPECT_EQ(result.value("filesCopied", 0), 40);
-    ASSERT_EQ(result["errors"].size(), 1u) << result.dump(2);
-    EXPECT_EQ(result["errors"][0].value("relativePath", ""), "zz-big.bin");
-    EXPECT_THAT(result["errors"][0].value("message", ""), ::testing::HasSubstr(std::strerror(ENOSPC)));
-    EXPECT_EQ(readTextFile(destination / "zz-big.bin"), oldBig);
-    EXPECT_EQ(stagingItemsBelow(destination), std::vector<std::string>{});
+    expectOnlyFailedForSpace(result, destination, "zz-big.bin", oldBig);
 
     fs::remove(destination / "ballast");  // room again: the rerun completes
-    const auto rerun = cli->run({"--json", "sync", id, "--acknowledge-all", "--confirm", "ARCHIVE"});
-    EXPECT_EQ(rerun.ended.exitCode, 0) << rerun.err;
+    sync(id, 0);
     EXPECT_EQ(readTextFile(destination / "zz-big.bin"), newBig);
 }
 
@@ -132,17 +144,9 @@ TEST_F(RealDiskFullTests, ATmpfsWithoutFreeInodesFailsAtTheStagingFileAndKeepsTh
     ASSERT_FALSE(std::ofstream(destination / "one-more")) << "the tmpfs still has free inodes";
 
     const auto id = cli->addProfile("Inodes", temporary / "src", destination, {"--mode", "update"});
-    const auto run = cli->run({"--json", "sync", id, "--acknowledge-all", "--confirm", "ARCHIVE"});
-    EXPECT_EQ(run.ended.exitCode, 1) << run.err;
-    const auto result = nlohmann::json::parse(run.out, nullptr, false);
-    ASSERT_FALSE(result.is_discarded()) << run.out << run.err;
-    EXPECT_EQ(result.value("outcome", ""), "completedWithWarnings");
-    ASSERT_EQ(result["errors"].size(), 1u) << result.dump(2);
-    EXPECT_EQ(result["errors"][0].value("relativePath", ""), "report.txt");
-    EXPECT_EQ(result["errors"][0].value("code", ""), "copy_failed");
-    EXPECT_THAT(result["errors"][0].value("message", ""), ::testing::HasSubstr(std::strerror(ENOSPC)));
-    EXPECT_EQ(readTextFile(destination / "report.txt"), "old report");
-    EXPECT_EQ(stagingItemsBelow(destination), std::vector<std::string>{});
+    const auto result = sync(id, 1);
+    expectOnlyFailedForSpace(result, destination, "report.txt", "old report");
+    EXPECT_EQ(result.at("errors").at(0).value("code", ""), "copy_failed");
 }
 
 }  // namespace

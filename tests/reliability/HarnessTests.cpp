@@ -17,23 +17,12 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
 namespace varnel::testing {
 namespace {
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
-
-void writeBytes(const fs::path& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
-
-std::string joined(const std::vector<std::string>& problems) {
-    std::string text;
-    for (const auto& problem : problems) text += problem + "\n";
-    return text;
-}
 
 class SyncCheckerTests : public ::testing::Test {
 protected:
@@ -61,10 +50,10 @@ TEST_F(SyncCheckerTests, EitherGenerationPassesAfterAnInterruptionButOnlyGenerat
     EXPECT_THAT(joined(checker->check(SyncChecker::Moment::complete)), HasSubstr("still holds generation 0"));
 
     // Half-way: some files of generation 1, one deleted file archived, a leftover.
-    writeBytes(dst("dir0/grow-0.bin"), tree.expectedContents("dir0/grow-0.bin", 1));
+    writeTextFile(dst("dir0/grow-0.bin"), tree.expectedContents("dir0/grow-0.bin", 1));
     fs::create_directories(archived("dir0"));
     fs::rename(dst("dir0/gone-0.txt"), archived("dir0/gone-0.txt"));
-    writeBytes(dst("dir0/" + PartialFileNaming::makeStagingName("edit-0.txt", std::nullopt)), "half");
+    writeTextFile(dst("dir0/" + PartialFileNaming::makeStagingName("edit-0.txt", std::nullopt)), "half");
     EXPECT_EQ(interrupted(), std::vector<std::string>{});
     EXPECT_EQ(checker->leftovers().size(), 1u);
 
@@ -72,21 +61,19 @@ TEST_F(SyncCheckerTests, EitherGenerationPassesAfterAnInterruptionButOnlyGenerat
     tree.write(temporary / "dst", 1);
     fs::create_directories(archived("dir0"));
     for (const auto& path : tree.archivedFiles()) {
-        fs::create_directories(archived(path).parent_path());
-        writeBytes(archived(path), tree.expectedContents(path, 0));
+        writeTextFile(archived(path), tree.expectedContents(path, 0));
     }
     EXPECT_EQ(checker->check(SyncChecker::Moment::complete), std::vector<std::string>{});
 }
 
 TEST_F(SyncCheckerTests, ReportsEmptyTornForeignMissingAndDoubledItems) {
-    writeBytes(dst("dir0/edit-0.txt"), "");
+    writeTextFile(dst("dir0/edit-0.txt"), "");
     const std::string mixed = tree.expectedContents("top.txt", 0).substr(0, 100) +
                               tree.expectedContents("top.txt", 1).substr(100);
-    writeBytes(dst("top.txt"), mixed);
-    writeBytes(dst("stray.txt"), "x");
+    writeTextFile(dst("top.txt"), mixed);
+    writeTextFile(dst("stray.txt"), "x");
     fs::remove(dst("olddir/x.txt"));                         // neither in place nor archived
-    fs::create_directories(archived("olddir"));
-    writeBytes(archived("olddir/y.txt"), tree.expectedContents("olddir/y.txt", 0));  // both
+    writeTextFile(archived("olddir/y.txt"), tree.expectedContents("olddir/y.txt", 0));  // both
     fs::create_directories(dst("dir1/" + PartialFileNaming::makeStagingName("a", std::nullopt)));
     const std::string problems = joined(interrupted());
     EXPECT_THAT(problems, HasSubstr("“dir0/edit-0.txt” is neither generation 0 nor generation 1: empty"));

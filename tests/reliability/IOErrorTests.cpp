@@ -227,16 +227,17 @@ protected:
     }
 
     // Files a-0.txt … a-4.txt in `folder`, in version `version`.
+    static std::string name(int i) { return "a-" + std::to_string(i) + ".txt"; }
+    static std::string contents(int i, int version) { return GenerationTree::contents(name(i), version, 5000 + version); }
     static void writeFiles(const std::filesystem::path& folder, int version) {
-        std::filesystem::create_directories(folder);
-        for (int i = 0; i < 5; ++i) {
-            const std::string name = "a-" + std::to_string(i) + ".txt";
-            std::ofstream(folder / name, std::ios::binary) << GenerationTree::contents(name, version, 5000 + version);
-        }
+        for (int i = 0; i < 5; ++i) writeTextFile(folder / name(i), contents(i, version));
     }
-    static std::string expected(int i, int version) {
-        const std::string name = "a-" + std::to_string(i) + ".txt";
-        return GenerationTree::contents(name, version, 5000 + version);
+    // Read from the disk itself, past the cache, when `fromTheDisk`.
+    static void expectFiles(const std::filesystem::path& folder, int version, bool fromTheDisk = false) {
+        for (int i = 0; i < 5; ++i) {
+            if (fromTheDisk) FailingDevice::forget(folder / name(i));
+            EXPECT_EQ(readTextFile(folder / name(i)), contents(i, version)) << name(i);
+        }
     }
 
     TemporaryDirectory temporary;
@@ -247,7 +248,7 @@ protected:
 TEST_F(FailingDeviceTests, ASourceDiskFailingReadsFailsTheFilesAndKeepsTheOldOnes) {
     writeFiles(device->disk() / "src", 1);
     writeFiles(temporary / "dst", 0);
-    for (int i = 0; i < 5; ++i) FailingDevice::forget(device->disk() / "src" / ("a-" + std::to_string(i) + ".txt"));
+    for (int i = 0; i < 5; ++i) FailingDevice::forget(device->disk() / "src" / name(i));
     const Uuid id = engine.addProfile(device->disk() / "src", temporary / "dst", SyncMode::update,
                                       DurabilityMode::durable);
     std::ofstream(device->failReads).flush();
@@ -256,10 +257,10 @@ TEST_F(FailingDeviceTests, ASourceDiskFailingReadsFailsTheFilesAndKeepsTheOldOne
     EXPECT_EQ(result.outcome, SyncRunOutcome::completedWithWarnings);
     EXPECT_EQ(result.filesFailed, 5);
     for (const auto& error : result.errors) EXPECT_THAT(error.message, HasSubstr(std::strerror(EIO)));
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(readTextFile(temporary / "dst" / ("a-" + std::to_string(i) + ".txt")), expected(i, 0));
+    expectFiles(temporary / "dst", 0);
     EXPECT_EQ(stagingItemsBelow(temporary / "dst"), std::vector<std::string>{});
     EXPECT_EQ(engine.sync(id).result.outcome, SyncRunOutcome::success);
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(readTextFile(temporary / "dst" / ("a-" + std::to_string(i) + ".txt")), expected(i, 1));
+    expectFiles(temporary / "dst", 1);
 }
 
 // The kernel's fsync fails with EIO; the staging files are discarded, not renamed. After
@@ -279,15 +280,11 @@ TEST_F(FailingDeviceTests, ADestinationDiskFailingWritesFailsTheFlushAndNeverRen
         EXPECT_THAT(error.message, HasSubstr(std::strerror(EIO)));
     }
     EXPECT_EQ(engine.fileSystem->callPaths("rename"), std::vector<std::string>{});
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(readTextFile(device->disk() / "dst" / ("a-" + std::to_string(i) + ".txt")), expected(i, 0));
+    expectFiles(device->disk() / "dst", 0);
     EXPECT_EQ(stagingItemsBelow(device->disk() / "dst"), std::vector<std::string>{});
 
     EXPECT_EQ(engine.sync(id).result.outcome, SyncRunOutcome::success);
-    for (int i = 0; i < 5; ++i) {
-        const auto file = device->disk() / "dst" / ("a-" + std::to_string(i) + ".txt");
-        FailingDevice::forget(file);
-        EXPECT_EQ(readTextFile(file), expected(i, 1));
-    }
+    expectFiles(device->disk() / "dst", 1, true);
 }
 
 }  // namespace

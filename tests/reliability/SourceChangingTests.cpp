@@ -75,7 +75,7 @@ protected:
 
     void expectOldDestinationAndNoLeftovers(const std::string& context) {
         EXPECT_TRUE(readTextFile(destination()) == "the old destination file") << context;
-        EXPECT_TRUE(stagingLeftovers(temporary / "dst").empty()) << context;
+        EXPECT_TRUE(stagingItemsBelow(temporary / "dst").empty()) << context;
     }
 };
 
@@ -182,7 +182,7 @@ TEST_F(SourceChangingDuringCopy, ARealConcurrentWriterNeverLeavesAMixedCopy) {
     stop = true;
     writer.join();
     EXPECT_GT(discarded, 0) << "the writer never overlapped a copy: the test proved nothing";
-    EXPECT_TRUE(stagingLeftovers(temporary / "dst").empty());
+    EXPECT_TRUE(stagingItemsBelow(temporary / "dst").empty());
     std::cout << "concurrent writer: " << committed << " copies committed, " << discarded << " discarded\n";
 }
 

@@ -6,6 +6,7 @@
 #include "scan/POSIXFileError.hpp"
 #include "scan/RealFileSystem.hpp"
 #include "support/MountSandbox.hpp"
+#include "support/Shorthand.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 #include <gtest/gtest.h>
@@ -28,23 +29,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-RelativePath rel(const std::string& value) { return *RelativePath::fromString(value); }
-
-POSIXFileError posixErrorOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const POSIXFileError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "expected a POSIXFileError";
-    return POSIXFileError(0, "", "");
-}
-
-struct stat statOf(const fs::path& path) {
-    struct stat status {};
-    EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
-    return status;
-}
+const auto posixErrorOf = thrownBy<POSIXFileError>;
 
 std::string patterned(std::size_t size, unsigned seed = 7) {
     std::string data(size, '\0');

@@ -2,6 +2,7 @@
 #include "scan/AccessScope.hpp"
 #include "scan/POSIXFileError.hpp"
 #include "scan/RealFileSystem.hpp"
+#include "support/Shorthand.hpp"
 #include "support/TemporaryDirectory.hpp"
 #include "transfer/SyncError.hpp"
 
@@ -78,15 +79,11 @@ TEST(SecurityScopedBookmarkStoreTest, ReferenceIsThePathAndResolutionFindsTheFol
     EXPECT_TRUE(scope.urls().empty());  // nothing to grant without a sandbox
 
     std::filesystem::remove(folder);
-    try {
-        store.resolve(bookmark, EndpointRole::destination, scope);
-        FAIL() << "a deleted folder resolved";
-    } catch (const SyncError& error) {
-        EXPECT_EQ(error, SyncError(SyncError::BookmarkResolutionFailed{
-                             EndpointRole::destination, POSIXFileError(ENOENT, "realpath", folder).message()}));
-        EXPECT_EQ(error.message(), "The saved destination folder could not be reopened. realpath failed for " + folder +
-                                       ": No such file or directory");
-    }
+    const auto error = thrownBy<SyncError>([&] { store.resolve(bookmark, EndpointRole::destination, scope); });
+    EXPECT_EQ(error, SyncError(SyncError::BookmarkResolutionFailed{
+                         EndpointRole::destination, POSIXFileError(ENOENT, "realpath", folder).message()}));
+    EXPECT_EQ(error.message(), "The saved destination folder could not be reopened. realpath failed for " + folder +
+                                   ": No such file or directory");
 }
 
 TEST(SecurityScopedBookmarkStoreTest, DamagedReferencesAndBadFoldersAreRefused) {
@@ -98,14 +95,9 @@ TEST(SecurityScopedBookmarkStoreTest, DamagedReferencesAndBadFoldersAreRefused) 
     for (const BookmarkData& damaged :
          {BookmarkData{}, BookmarkData{'r', 'e', 'l'}, BookmarkData(withNul.begin(), withNul.end())}) {
         EXPECT_EQ(SecurityScopedBookmarkStore::pathOf(damaged), std::nullopt);
-        try {
-            store.resolve(damaged, EndpointRole::source, scope);
-            FAIL() << "a damaged reference resolved";
-        } catch (const SyncError& error) {
-            EXPECT_EQ(error.message(),
-                      "The saved source folder could not be reopened. The saved folder reference does not hold a "
-                      "folder path.");
-        }
+        EXPECT_EQ(thrownBy<SyncError>([&] { store.resolve(damaged, EndpointRole::source, scope); }).message(),
+                  "The saved source folder could not be reopened. The saved folder reference does not hold a "
+                  "folder path.");
     }
     EXPECT_THROW(store.makeBookmark("relative/folder"), std::invalid_argument);
     EXPECT_THROW(store.makeBookmark((temp / "missing").string()), POSIXFileError);

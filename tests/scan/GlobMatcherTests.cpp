@@ -11,23 +11,17 @@ namespace varnel::testing {
 
 namespace {
 
-struct GlobCase {
-    const char* pattern;
-    const char* path;
-    bool expected;
-    bool caseSensitive = false;
-};
-
-void expectCases(const std::vector<GlobCase>& cases) {
-    for (const auto& c : cases) {
-        const GlobMatcher matcher(c.pattern, c.caseSensitive);
-        EXPECT_EQ(matcher.matches(c.path), c.expected)
-            << "pattern " << c.pattern << (c.caseSensitive ? " (case-sensitive)" : "") << " against " << c.path;
-    }
-}
-
-TEST(GlobMatcherTest, StarsStayInOneFolderAndDoubleStarsCrossFolders) {
-    expectCases({
+TEST(GlobMatcherTest, EachPatternCharacterMatchesByItsRule) {
+    struct GlobCase {
+        std::string pattern;
+        std::string path;
+        bool expected;
+        bool caseSensitive = false;
+    };
+    const std::string flag = "\U0001F1EB\U0001F1F7";  // a flag: two regional indicators
+    const std::string xAcute = "x\u0301";             // no precomposed form exists
+    const std::vector<GlobCase> cases = {
+        // "*" stays within one folder, "**" crosses folders.
         {"*.cache", "x.cache", true},
         {"*.cache", "a/x.cache", false},
         {"**/*.cache", "x.cache", true},  // "**/" as zero folders
@@ -53,22 +47,14 @@ TEST(GlobMatcherTest, StarsStayInOneFolderAndDoubleStarsCrossFolders) {
         {"abc", "abc", true},
         {"abc", "abcd", false},
         {"abc", "ab", false},
-    });
-}
-
-TEST(GlobMatcherTest, QuestionMarkIsOneCharacterButNeverASlash) {
-    expectCases({
+        // "?" is one character, never a "/".
         {"a?c", "abc", true},
         {"a?c", "a/c", false},
         {"?", "", false},
         {"??", "ab", true},
         {"??", "abc", false},
         {"*?", "a/", false},
-    });
-}
-
-TEST(GlobMatcherTest, BracketExpressions) {
-    expectCases({
+        // Bracket expressions.
         {"[!a-c]x", "dx", true},
         {"[!a-c]x", "bx", false},
         {"[!a-c]x", "cx", false},
@@ -94,11 +80,7 @@ TEST(GlobMatcherTest, BracketExpressions) {
         {"[xyz]*", "zebra", true},
         {"[a-c][a-c]", "ca", true},
         {"[a-c][a-c]", "cd", false},
-    });
-}
-
-TEST(GlobMatcherTest, BracketRangesCompareUnicodeScalars) {
-    expectCases({
+        // Bracket ranges compare Unicode scalar values.
         {"[\u00e0-\u00e9]", "\u00e8", true},   // à-é contains è
         {"[\u00e0-\u00e9]", "\u00ea", false},  // but not ê
         {"[\u00e0-\u00e9]", "a", false},
@@ -107,31 +89,37 @@ TEST(GlobMatcherTest, BracketRangesCompareUnicodeScalars) {
         {"[\u03b1-\u03c9]", "\u03bb", true},  // Greek α-ω contains λ
         {"[\u03b1-\u03c9]", "l", false},
         {"[!\u03b1-\u03c9]", "\u00e8", true},
-    });
-}
-
-TEST(GlobMatcherTest, NoEscapeCharacter) {
-    expectCases({
+        // There is no escape character.
         {"a\\*", "a\\bc", true},
         {"a\\*", "a*", false},
         {"a\\?", "a\\x", true},
-    });
-}
-
-TEST(GlobMatcherTest, GraphemeClusterIsOneCharacter) {
-    const std::string flag = "\U0001F1EB\U0001F1F7";  // a flag: two regional indicators
-    const std::string xAcute = "x\u0301";             // no precomposed form exists
-    expectCases({
-        {"a?b", ("a" + flag + "b").c_str(), true},
-        {"a??b", ("a" + flag + "b").c_str(), false},
-        {"?", xAcute.c_str(), true},
-        {"??", xAcute.c_str(), false},
-        {"x", xAcute.c_str(), false},  // a base letter alone is not the cluster
-        {"x*", xAcute.c_str(), false},
-        {"?*", xAcute.c_str(), true},
-        {("[" + flag + "]").c_str(), flag.c_str(), true},
-        {("[!" + flag + "]").c_str(), flag.c_str(), false},
-    });
+        // A grapheme cluster is one character.
+        {"a?b", "a" + flag + "b", true},
+        {"a??b", "a" + flag + "b", false},
+        {"?", xAcute, true},
+        {"??", xAcute, false},
+        {"x", xAcute, false},  // a base letter alone is not the cluster
+        {"x*", xAcute, false},
+        {"?*", xAcute, true},
+        {"[" + flag + "]", flag, true},
+        {"[!" + flag + "]", flag, false},
+        // Case folds unless the pattern is case-sensitive.
+        {"*.TMP", "a.tmp", true},
+        {"*.TMP", "A.TMP", true},
+        {"*.tmp", "A.TMP", true},
+        {"*.TMP", "a.tmp", false, true},
+        {"*.TMP", "A.TMP", true, true},
+        {"[A-Z]x", "qx", true},
+        {"[A-Z]x", "qx", false, true},
+        {"[A-Z]x", "QX", false, true},
+        {"\u00c4rger*", "\u00e4RGER.txt", true},
+        {"\u00c4rger*", "\u00e4rger.txt", false, true},
+        {"\u0394*", "\u03b4elta", true},  // Greek capital delta folds to small delta
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(GlobMatcher(c.pattern, c.caseSensitive).matches(c.path), c.expected)
+            << "pattern " << c.pattern << (c.caseSensitive ? " (case-sensitive)" : "") << " against " << c.path;
+    }
 }
 
 TEST(GlobMatcherTest, ComparesInNormalisationFormC) {
@@ -144,22 +132,6 @@ TEST(GlobMatcherTest, ComparesInNormalisationFormC) {
         EXPECT_TRUE(GlobMatcher("caf?.txt", caseSensitive).matches(decomposed + ".txt"));
         EXPECT_TRUE(GlobMatcher("caf[\u00e9]", caseSensitive).matches(decomposed));
     }
-}
-
-TEST(GlobMatcherTest, CaseFolding) {
-    expectCases({
-        {"*.TMP", "a.tmp", true},
-        {"*.TMP", "A.TMP", true},
-        {"*.tmp", "A.TMP", true},
-        {"*.TMP", "a.tmp", false, true},
-        {"*.TMP", "A.TMP", true, true},
-        {"[A-Z]x", "qx", true},
-        {"[A-Z]x", "qx", false, true},
-        {"[A-Z]x", "QX", false, true},
-        {"\u00c4rger*", "\u00e4RGER.txt", true},
-        {"\u00c4rger*", "\u00e4rger.txt", false, true},
-        {"\u0394*", "\u03b4elta", true},  // Greek capital delta folds to small delta
-    });
 }
 
 TEST(GlobMatcherTest, ManyStarsAgainstLongTextFinish) {

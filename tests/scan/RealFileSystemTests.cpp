@@ -2,6 +2,7 @@
 #include "scan/POSIXFileError.hpp"
 #include "scan/RealFileSystem.hpp"
 #include "support/ChildProcess.hpp"
+#include "support/Shorthand.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 #include <gtest/gtest.h>
@@ -25,27 +26,12 @@
 namespace varnel::testing {
 namespace {
 
-RelativePath rel(const std::string& value) {
-    auto path = RelativePath::fromString(value);
-    if (!path) throw std::invalid_argument("bad relative path " + value);
-    return *path;
-}
-
 std::vector<std::string> sorted(std::vector<std::string> names) {
     std::sort(names.begin(), names.end());
     return names;
 }
 
-// Runs `call` and returns the POSIXFileError it throws; fails the test if it returns.
-POSIXFileError errorOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const POSIXFileError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "expected a POSIXFileError";
-    return POSIXFileError(0, "none", "");
-}
+const auto errorOf = thrownBy<POSIXFileError>;
 
 // Removes a tree of any depth by descriptors, since paths past PATH_MAX defeat
 // std::filesystem (and so TemporaryDirectory's own clean-up).

@@ -2,6 +2,7 @@
 #include "scan/RealFileSystem.hpp"
 #include "scan/SyncScanner.hpp"
 #include "support/FakeFileSystem.hpp"
+#include "support/Shorthand.hpp"
 #include "support/TemporaryDirectory.hpp"
 #include "transfer/PartialFileNaming.hpp"
 #include "transfer/SyncError.hpp"
@@ -217,12 +218,10 @@ TEST_F(SyncScannerTest, CancellationThrowsAndProgressArrivesEveryIntervalItems) 
 
     std::stop_source stop;
     stop.request_stop();
-    try {
-        (void)scanner.scan(fs.openRoot("/src"), EndpointRole::source, true, {}, stop.get_token());
-        FAIL() << "a cancelled scan must throw";
-    } catch (const SyncError& error) {
-        EXPECT_EQ(error.code(), "cancelled");
-    }
+    EXPECT_EQ(testing::thrownBy<SyncError>([&] {
+                  (void)scanner.scan(fs.openRoot("/src"), EndpointRole::source, true, {}, stop.get_token());
+              }).code(),
+              "cancelled");
 }
 
 TEST_F(SyncScannerTest, BothSidesScannedAtOnceReportLikeOneAfterTheOther) {
@@ -260,12 +259,11 @@ TEST_F(SyncScannerTest, BothSidesScannedAtOnceReportLikeOneAfterTheOther) {
         phases.push_back(role);
         if (progress && progress->itemsFound >= 50) stop.request_stop();
     };
-    try {
-        (void)EndpointPairScan::run(scanner, {fs.openRoot("/src")}, {fs.openRoot("/dst")}, stopping, stop.get_token());
-        FAIL() << "a cancelled pair scan must throw";
-    } catch (const SyncError& error) {
-        EXPECT_EQ(error.code(), "cancelled");
-    }
+    EXPECT_EQ(testing::thrownBy<SyncError>([&] {
+                  (void)EndpointPairScan::run(scanner, {fs.openRoot("/src")}, {fs.openRoot("/dst")}, stopping,
+                                              stop.get_token());
+              }).code(),
+              "cancelled");
     EXPECT_EQ(std::count(phases.begin(), phases.end(), EndpointRole::destination), 0);
 }
 

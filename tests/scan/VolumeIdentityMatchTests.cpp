@@ -37,43 +37,13 @@ const std::string kNoUUID =
     "This volume does not publish a UUID, so its identity could not be confirmed. Verify the drive is the one you "
     "intend.";
 
-TEST(VolumeIdentityMatchTest, DifferentUUIDsAreAMismatchNamingEachDisk) {
-    struct Case {
-        const char* what;
-        VolumeIdentity expected;
-        VolumeIdentity found;
-        std::string reason;
+TEST(VolumeIdentityMatchTest, UUIDsThenNamesAndCapacitiesThenTheCloudFolderDecide) {
+    const auto withDomain = [](VolumeIdentity identity, std::optional<std::string> domain) {
+        identity.fileProviderDomainID = std::move(domain);
+        return identity;
     };
-    const Case cases[] = {
-        {"names and a mount point", volume("AAAA", "Backup", 2000 * GB),
-         volume("BBBB", "Other", 2000 * GB, "/media/u/Backup"),
-         "The volume mounted at /media/u/Backup is not the one this profile was configured with. Expected volume "
-         "“Backup”, found “Other”."},
-        {"no names: the UUIDs stand in", volume("AAAA", std::nullopt, std::nullopt, "/mnt/a"),
-         volume("BBBB", std::nullopt, std::nullopt, "/mnt/a"),
-         "The volume mounted at /mnt/a is not the one this profile was configured with. Expected volume UUID AAAA, "
-         "found UUID BBBB."},
-        {"only the recorded mount point is known", volume("AAAA", "Backup", std::nullopt, "/mnt/rec"),
-         volume("BBBB", std::nullopt, std::nullopt),
-         "The volume mounted at /mnt/rec is not the one this profile was configured with. Expected volume “Backup”, "
-         "found UUID BBBB."},
-        {"no mount point at all", volume("AAAA", "Backup", std::nullopt), volume("BBBB", "Backup", std::nullopt),
-         "The volume mounted at this location is not the one this profile was configured with. Expected volume "
-         "“Backup”, found “Backup”."},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_EQ(VolumeIdentity::match(c.expected, c.found), MatchResult::mismatch(c.reason));
-    }
-}
-
-TEST(VolumeIdentityMatchTest, EqualUUIDsSettleItWhateverTheNamesAndCapacities) {
-    const auto result = VolumeIdentity::match(volume("AAAA", "Backup", 2000 * GB), volume("AAAA", "Renamed", 500 * GB));
-    EXPECT_TRUE(result.isIdentical());
-    EXPECT_EQ(result.reason(), std::nullopt);
-}
-
-TEST(VolumeIdentityMatchTest, WithoutUUIDsNamesThenCapacitiesDecide) {
+    const auto same = volume("AAAA", "Macintosh HD", 1000 * GB);
+    const auto noUUID = volume(std::nullopt, "Disk", 1000 * GB);
     struct Case {
         const char* what;
         VolumeIdentity expected;
@@ -81,6 +51,29 @@ TEST(VolumeIdentityMatchTest, WithoutUUIDsNamesThenCapacitiesDecide) {
         MatchResult result;
     };
     const Case cases[] = {
+        // Different UUIDs are a mismatch naming each disk.
+        {"names and a mount point", volume("AAAA", "Backup", 2000 * GB),
+         volume("BBBB", "Other", 2000 * GB, "/media/u/Backup"),
+         MatchResult::mismatch(
+             "The volume mounted at /media/u/Backup is not the one this profile was configured with. Expected volume "
+             "“Backup”, found “Other”.")},
+        {"no names: the UUIDs stand in", volume("AAAA", std::nullopt, std::nullopt, "/mnt/a"),
+         volume("BBBB", std::nullopt, std::nullopt, "/mnt/a"),
+         MatchResult::mismatch(
+             "The volume mounted at /mnt/a is not the one this profile was configured with. Expected volume UUID AAAA, "
+             "found UUID BBBB.")},
+        {"only the recorded mount point is known", volume("AAAA", "Backup", std::nullopt, "/mnt/rec"),
+         volume("BBBB", std::nullopt, std::nullopt),
+         MatchResult::mismatch(
+             "The volume mounted at /mnt/rec is not the one this profile was configured with. Expected volume “Backup”, "
+             "found UUID BBBB.")},
+        {"no mount point at all", volume("AAAA", "Backup", std::nullopt), volume("BBBB", "Backup", std::nullopt),
+         MatchResult::mismatch(
+             "The volume mounted at this location is not the one this profile was configured with. Expected volume "
+             "“Backup”, found “Backup”.")},
+        {"equal UUIDs settle it whatever the names and capacities", volume("AAAA", "Backup", 2000 * GB),
+         volume("AAAA", "Renamed", 500 * GB), MatchResult::identical()},
+        // Without UUIDs, names and then capacities decide.
         {"names differ", volume(std::nullopt, "Backup", 1000 * GB), volume("CCCC", "Photos", 1000 * GB),
          MatchResult::mismatch("Expected volume “Backup” but found “Photos” at this mount point.")},
         {"1000 vs 950 GB is within the tolerance", volume(std::nullopt, "Backup", 1000 * GB),
@@ -103,27 +96,7 @@ TEST(VolumeIdentityMatchTest, WithoutUUIDsNamesThenCapacitiesDecide) {
          volume(std::nullopt, std::nullopt, 5 * GB), MatchResult::unverifiable(kNoUUID)},
         {"a UUID on one side only is no UUID check", volume("AAAA", "Backup", 1000 * GB),
          volume(std::nullopt, "Backup", 1000 * GB), MatchResult::unverifiable(kNoUUID)},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_EQ(VolumeIdentity::match(c.expected, c.found), c.result);
-    }
-}
-
-TEST(VolumeIdentityMatchTest, CloudFolderComparison) {
-    const auto withDomain = [](VolumeIdentity identity, std::optional<std::string> domain) {
-        identity.fileProviderDomainID = std::move(domain);
-        return identity;
-    };
-    const auto same = volume("AAAA", "Macintosh HD", 1000 * GB);
-    const auto noUUID = volume(std::nullopt, "Disk", 1000 * GB);
-    struct Case {
-        const char* what;
-        VolumeIdentity expected;
-        VolumeIdentity found;
-        MatchResult result;
-    };
-    const Case cases[] = {
+        // The cloud folder a folder belongs to.
         {"same UUID, same domain", withDomain(same, "com.example.drive/acct1"),
          withDomain(same, "com.example.drive/acct1"), MatchResult::identical()},
         {"same UUID, the cloud folder no longer identifies itself", withDomain(same, "com.example.drive/acct1"), same,

@@ -4,6 +4,7 @@
 #include "scan/RealFileSystem.hpp"
 #include "support/ChildProcess.hpp"
 #include "support/MountSandbox.hpp"
+#include "support/Shorthand.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 #include <gtest/gtest.h>
@@ -86,13 +87,9 @@ TEST(VolumeInfoTest, TheTemporaryFolderHasAConsistentVolume) {
     EXPECT_TRUE(mountPointContains(*info.identity.mountPointPath, fs.canonicalPath(temp.string())));
     EXPECT_FALSE(info.fileSystemType.empty());
 
-    try {
-        fs.volumeInfo(temp.string() + "/absent");
-        ADD_FAILURE() << "a missing folder has no volume";
-    } catch (const POSIXFileError& error) {
-        EXPECT_EQ(error.operation(), "statfs");
-        EXPECT_EQ(error.errnoValue(), ENOENT);
-    }
+    const auto error = thrownBy<POSIXFileError>([&] { fs.volumeInfo(temp.string() + "/absent"); });
+    EXPECT_EQ(error.operation(), "statfs");
+    EXPECT_EQ(error.errnoValue(), ENOENT);
 }
 
 // --- Real file systems, mounted for the test -----------------------------------------------

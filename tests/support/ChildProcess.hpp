@@ -44,7 +44,6 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ~ChildProcess();
 
-    pid_t pid() const { return pid_; }
     void kill(int signal = 9);
     // Waits for the end.
     Ended wait();

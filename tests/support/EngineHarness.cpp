@@ -73,13 +73,6 @@ SyncRunResult EngineHarness::synchronize(SyncCoordinator::AnalysisOutcome& outco
     return application->synchronize(outcome, confirmingAll(outcome), cancellation, progress).result;
 }
 
-std::optional<RecordedError> errorAbout(const SyncRunResult& result, const std::string& path) {
-    for (const auto& error : result.errors) {
-        if (error.relativePath && error.relativePath->value() == path) return error;
-    }
-    return std::nullopt;
-}
-
 std::string messagesOf(const SyncRunResult& result, const SyncPlan* plan) {
     std::string text;
     if (plan != nullptr) {

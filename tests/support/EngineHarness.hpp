@@ -40,8 +40,6 @@ public:
     std::unique_ptr<SyncApplication> application;
 };
 
-// The one error of a run about `path` ("" when none): its code and message.
-std::optional<RecordedError> errorAbout(const SyncRunResult& result, const std::string& path);
 // Every warning and error message of a run (and of its plan, when given), one per line.
 std::string messagesOf(const SyncRunResult& result, const SyncPlan* plan = nullptr);
 

@@ -83,12 +83,6 @@ std::shared_ptr<UnflushedWrites> FaultInjectingFileSystem::trackedWrites() const
     return writes_;
 }
 
-int FaultInjectingFileSystem::callCount(const std::string& operation) const {
-    std::lock_guard lock(mutex_);
-    const auto found = counts_.find(operation);
-    return found != counts_.end() ? found->second : 0;
-}
-
 void FaultInjectingFileSystem::enter(const std::string& operation, const std::string& shownPath) {
     std::vector<Trigger> due;
     {

@@ -63,7 +63,6 @@ public:
     // every failure stays the file's own (as the fault recipes expect).
     bool checksVolumes = false;
 
-    int callCount(const std::string& operation) const;
     // The display path of the first item of every call of `operation` so far, in order
     // (for rename, the item renamed; for copyFile, the staging file).
     std::vector<std::string> callPaths(const std::string& operation) const;

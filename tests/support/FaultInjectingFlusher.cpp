@@ -11,10 +11,6 @@ void FaultInjectingFlusher::atCall(Operation operation, std::function<void()> ac
     triggers_.push_back(Trigger{operation, counts_[operation] + occurrence, std::move(action), std::nullopt});
 }
 
-void FaultInjectingFlusher::failCallWith(Operation operation, DurabilityError error, int occurrence) {
-    atCall(operation, [error] { throw error; }, occurrence);
-}
-
 void FaultInjectingFlusher::failCall(Operation operation, int errnoValue, int occurrence) {
     // The error is built at the call, when its path and mode are known.
     std::lock_guard lock(mutex_);

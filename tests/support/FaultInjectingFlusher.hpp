@@ -34,8 +34,6 @@ public:
     // its last component; parentDirectoryFlushFailed for a folder, by its full path.
     // The inner flusher is not reached.
     void failCall(Operation operation, int errnoValue, int occurrence = 1);
-    // The occurrence-th call throws `error` as it is.
-    void failCallWith(Operation operation, DurabilityError error, int occurrence = 1);
     // Every call in maximum mode from now on reports fellBackFromFullFlush, as on a
     // device that refuses the full flush.
     void refuseFullFlush();

@@ -165,14 +165,4 @@ std::vector<std::string> GenerationTree::archivedFiles() const {
     return paths;
 }
 
-int GenerationTree::changedFilesAndLinks() const {
-    int count = 0;
-    for (const auto& [path, item] : generations_.at(1)) {
-        if (item.kind == Kind::folder) continue;
-        const auto earlier = this->item(path, 0);
-        if (!earlier || earlier->kind != item.kind || earlier->version != item.version) ++count;
-    }
-    return count;
-}
-
 }  // namespace varnel::testing

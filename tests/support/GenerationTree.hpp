@@ -66,8 +66,6 @@ public:
     // Paths of generation 0's files that are not a file of the same path in generation 1:
     // what a Mirror run moves into its archive.
     std::vector<std::string> archivedFiles() const;
-    // The number of files and links whose bytes or target generation 1 changes or adds.
-    int changedFilesAndLinks() const;
 
 private:
     void add(int generation, const std::string& path, Item item);

@@ -128,7 +128,8 @@ std::vector<std::string> stagingItemsBelow(const fs::path& folder) {
     return found;
 }
 
-std::vector<std::string> snapshotDifferences(const std::map<std::string, std::string>& before,
+// The differences between two snapshots, one sentence each.
+static std::vector<std::string> snapshotDifferences(const std::map<std::string, std::string>& before,
                                              const std::map<std::string, std::string>& after,
                                              const std::string& what) {
     std::vector<std::string> differences;

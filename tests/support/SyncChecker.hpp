@@ -64,10 +64,6 @@ private:
 // Every item below `folder` whose name parses as a staging name (relative paths).
 std::vector<std::string> stagingItemsBelow(const std::filesystem::path& folder);
 
-// The differences between two snapshots, one sentence each.
-std::vector<std::string> snapshotDifferences(const std::map<std::string, std::string>& before,
-                                             const std::map<std::string, std::string>& after,
-                                             const std::string& what);
 
 // What a tree holds: relative path -> "dir", "link:<target>", "special" or
 // "file:<size>:<contents hash>" (with ":<mtime ns>" when asked). Never follows links;

@@ -36,15 +36,6 @@ void UnflushedWrites::removed(const std::string& path) {
     files_.erase(path);
 }
 
-std::vector<std::string> UnflushedWrites::unflushed() const {
-    std::lock_guard lock(mutex_);
-    std::vector<std::string> paths;
-    for (const auto& [path, file] : files_) {
-        if (file.dirty) paths.push_back(path);
-    }
-    return paths;
-}
-
 std::vector<std::string> UnflushedWrites::simulateCrash() {
     std::lock_guard lock(mutex_);
     std::vector<std::string> cut;

@@ -34,8 +34,6 @@ public:
     void renamed(const std::string& from, const std::string& to);
     void removed(const std::string& path);
 
-    // Paths with data not yet flushed, as they are named now.
-    std::vector<std::string> unflushed() const;
     // Cuts each tracked file with unflushed data back to its flushed length; returns the
     // paths that lost data. The tracking starts afresh.
     std::vector<std::string> simulateCrash();

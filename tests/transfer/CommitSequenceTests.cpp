@@ -121,7 +121,7 @@ TEST_P(CommitSequenceTests, TheDestinationIsUntouchedOrCommittedNeverTorn) {
         EXPECT_FALSE(fs::exists(fs::symlink_status(destination)));
     }
 
-    const auto leftovers = stagingLeftovers(temporary / "dst");
+    const auto leftovers = stagingItemsBelow(temporary / "dst");
     if (expected.stagingLeftBehind) {
         // Recognisable by its name, so the leftover clean-up can find it later.
         ASSERT_EQ(leftovers.size(), 1u);

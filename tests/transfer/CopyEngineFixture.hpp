@@ -5,6 +5,8 @@
 #include "scan/RealFileSystem.hpp"
 #include "support/FaultInjectingFileSystem.hpp"
 #include "support/FaultInjectingFlusher.hpp"
+#include "support/Shorthand.hpp"
+#include "support/SyncChecker.hpp"
 #include "support/TemporaryDirectory.hpp"
 #include "transfer/FileCopyEngine.hpp"
 #include "transfer/PartialFileNaming.hpp"
@@ -20,18 +22,7 @@
 
 namespace varnel::testing {
 
-inline RelativePath rel(const std::string& value) { return *RelativePath::fromString(value); }
-
-// Runs `call` and returns the SyncError it throws; fails the test if it returns.
-inline SyncError syncErrorOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const SyncError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "expected a SyncError";
-    return SyncError(SyncError::PlanIsStale{});
-}
+inline constexpr auto syncErrorOf = thrownBy<SyncError>;
 
 class CopyEngineFixture : public ::testing::Test {
 protected:
@@ -61,15 +52,6 @@ protected:
     FileResult copy(const SyncAction& action, const FileCopyEngine::ProgressCallback& progress = {},
                     const FileCopyEngine::CancellationCheck& isCancelled = {}) const {
         return engine.copyFile(action, progress, isCancelled);
-    }
-
-    // Every staging file or link left anywhere below `folder`.
-    static std::vector<std::string> stagingLeftovers(const std::filesystem::path& folder) {
-        std::vector<std::string> found;
-        for (const auto& item : std::filesystem::recursive_directory_iterator(folder)) {
-            if (PartialFileNaming::isStagingName(item.path().filename().string())) found.push_back(item.path());
-        }
-        return found;
     }
 
     std::string read(const std::string& relative) const { return temporary.readFile(relative); }

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
+#include <utility>
 
 namespace varnel::testing {
 namespace {
@@ -99,50 +101,41 @@ TEST(PartialFileNamingTests, MadeNamesParseBack) {
     EXPECT_EQ(longParsed, (ParsedName{std::string(189, 'q'), "3f2a9c10"}));
 }
 
-TEST(PartialFileNamingTests, ParsesWellFormedNames) {
-    EXPECT_EQ(naming::parse(".x.varnelsync-partial-" + uuidText), (ParsedName{"x", std::nullopt}));
-    EXPECT_EQ(naming::parse(".x.varnelsync-partial-1a2b3c4d-" + uuidText), (ParsedName{"x", "1a2b3c4d"}));
-    // Upper-case tags are accepted and kept as written; lower-case UUIDs are accepted.
-    EXPECT_EQ(naming::parse(".x.varnelsync-partial-1A2B3C4D-" + uuidText), (ParsedName{"x", "1A2B3C4D"}));
-    EXPECT_EQ(naming::parse(".x.varnelsync-partial-5d1e0b7a-4c2f-4e8b-9a61-0f3b2c7d8e91"),
-              (ParsedName{"x", std::nullopt}));
-    EXPECT_EQ(naming::parse(".photo.jpg.dovrasync-partial-" + uuidText), (ParsedName{"photo.jpg", std::nullopt}));
-    EXPECT_EQ(naming::parse(".photo.jpg.dovrasync-partial-0badcafe-" + uuidText), (ParsedName{"photo.jpg", "0badcafe"}));
-    EXPECT_TRUE(naming::isStagingName(".x.varnelsync-partial-" + uuidText));
-}
-
-TEST(PartialFileNamingTests, RejectsMalformedNames) {
-    const std::string rejected[] = {
-        "x.varnelsync-partial-" + uuidText,               // no leading "."
-        "",                                               // nothing at all
-        "..varnelsync-partial-" + uuidText,               // empty intended name
-        ".varnelsync-partial-" + uuidText,                // the marker is only searched after the "."
-        ".x.varnelsync-partial-" + uuidText.substr(1),    // 35-character tail
-        ".x.varnelsync-partial-" + uuidText + "0",        // 37-character tail
-        ".x.varnelsync-partial-1a2b3c4-" + uuidText,      // 44-character tail
-        ".x.varnelsync-partial-1a2b3c4d0-" + uuidText,    // 46-character tail
-        ".x.varnelsync-partial-1a2b3c4g-" + uuidText,     // "g" is not hexadecimal
-        ".x.varnelsync-partial-1a2b3c4d_" + uuidText,     // 9th character is not "-"
-        ".x.varnelsync-partial-5D1E0B7A_4C2F-4E8B-9A61-0F3B2C7D8E91",  // not a UUID
-        ".x.VARNELSYNC-PARTIAL-" + uuidText,              // the marker is case-sensitive
-        ".x.varnelsync-partial-",                         // no tail
-        ".Report.pdf",                                    // no marker
+TEST(PartialFileNamingTests, ParsesWellFormedNamesAndRejectsEveryMalformedOne) {
+    const std::pair<std::string, std::optional<ParsedName>> cases[] = {
+        {".x.varnelsync-partial-" + uuidText, ParsedName{"x", std::nullopt}},
+        {".x.varnelsync-partial-1a2b3c4d-" + uuidText, ParsedName{"x", "1a2b3c4d"}},
+        // Upper-case tags are accepted and kept as written; lower-case UUIDs are accepted.
+        {".x.varnelsync-partial-1A2B3C4D-" + uuidText, ParsedName{"x", "1A2B3C4D"}},
+        {".x.varnelsync-partial-5d1e0b7a-4c2f-4e8b-9a61-0f3b2c7d8e91", ParsedName{"x", std::nullopt}},
+        {".photo.jpg.dovrasync-partial-" + uuidText, ParsedName{"photo.jpg", std::nullopt}},
+        {".photo.jpg.dovrasync-partial-0badcafe-" + uuidText, ParsedName{"photo.jpg", "0badcafe"}},
+        {"x.varnelsync-partial-" + uuidText, std::nullopt},               // no leading "."
+        {"", std::nullopt},                                               // nothing at all
+        {"..varnelsync-partial-" + uuidText, std::nullopt},               // empty intended name
+        {".varnelsync-partial-" + uuidText, std::nullopt},                // the marker is only searched after the "."
+        {".x.varnelsync-partial-" + uuidText.substr(1), std::nullopt},    // 35-character tail
+        {".x.varnelsync-partial-" + uuidText + "0", std::nullopt},        // 37-character tail
+        {".x.varnelsync-partial-1a2b3c4-" + uuidText, std::nullopt},      // 44-character tail
+        {".x.varnelsync-partial-1a2b3c4d0-" + uuidText, std::nullopt},    // 46-character tail
+        {".x.varnelsync-partial-1a2b3c4g-" + uuidText, std::nullopt},     // "g" is not hexadecimal
+        {".x.varnelsync-partial-1a2b3c4d_" + uuidText, std::nullopt},     // 9th character is not "-"
+        {".x.varnelsync-partial-5D1E0B7A_4C2F-4E8B-9A61-0F3B2C7D8E91", std::nullopt},  // not a UUID
+        {".x.VARNELSYNC-PARTIAL-" + uuidText, std::nullopt},              // the marker is case-sensitive
+        {".x.varnelsync-partial-", std::nullopt},                         // no tail
+        {".Report.pdf", std::nullopt},                                    // no marker
+        // The first marker found decides alone: the current one, with a bad tail, hides a
+        // valid legacy form after it; it is tried first even when the legacy one comes
+        // earlier; and only its first occurrence counts.
+        {".x.varnelsync-partial-junk.dovrasync-partial-" + uuidText, std::nullopt},
+        {".a.dovrasync-partial-b.varnelsync-partial-" + uuidText, ParsedName{"a.dovrasync-partial-b", std::nullopt}},
+        {".a.varnelsync-partial-b.varnelsync-partial-" + uuidText, std::nullopt},
     };
-    for (const auto& name : rejected) {
+    for (const auto& [name, expected] : cases) {
         SCOPED_TRACE(name);
-        EXPECT_EQ(naming::parse(name), std::nullopt);
-        EXPECT_FALSE(naming::isStagingName(name));
+        EXPECT_EQ(naming::parse(name), expected);
+        EXPECT_EQ(naming::isStagingName(name), expected.has_value());
     }
-}
-
-TEST(PartialFileNamingTests, FirstMarkerFoundDecidesAlone) {
-    // The current marker occurs, with a bad tail: the valid legacy form after it is not tried.
-    EXPECT_EQ(naming::parse(".x.varnelsync-partial-junk.dovrasync-partial-" + uuidText), std::nullopt);
-    // The current marker is tried first even when the legacy one comes earlier in the name.
-    EXPECT_EQ(naming::parse(".a.dovrasync-partial-b.varnelsync-partial-" + uuidText),
-              (ParsedName{"a.dovrasync-partial-b", std::nullopt}));
-    // Only the first occurrence of a marker counts.
-    EXPECT_EQ(naming::parse(".a.varnelsync-partial-b.varnelsync-partial-" + uuidText), std::nullopt);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "common/MonotonicClock.hpp"
+#include "support/Shorthand.hpp"
 #include "transfer/ProgressAggregator.hpp"
 
 #include <gtest/gtest.h>
@@ -12,8 +13,6 @@ namespace {
 using Outcome = ProgressAggregator::ItemOutcome;
 
 constexpr std::uint64_t kMillisecond = 1'000'000;
-
-RelativePath rel(const char* value) { return *RelativePath::fromString(value); }
 
 struct AggregatorHarness {
     std::shared_ptr<ManualMonotonicClock> clock = std::make_shared<ManualMonotonicClock>();

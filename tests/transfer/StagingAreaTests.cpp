@@ -3,6 +3,7 @@
 #include "scan/POSIXFileError.hpp"
 #include "scan/RealFileSystem.hpp"
 #include "support/FakeFileSystem.hpp"
+#include "support/Shorthand.hpp"
 #include "support/TemporaryDirectory.hpp"
 #include "transfer/PartialFileNaming.hpp"
 
@@ -25,12 +26,6 @@ const std::string uuidText = "5D1E0B7A-4C2F-4E8B-9A61-0F3B2C7D8E91";
 const std::string taggedStagingName = ".report.pdf.varnelsync-partial-3f2a9c10-" + uuidText;
 const std::string legacyStagingName = ".photo.jpg.dovrasync-partial-" + uuidText;
 const std::string linkStagingName = ".link.varnelsync-partial-" + uuidText;
-
-struct stat statOf(const fs::path& path) {
-    struct stat info {};
-    EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
-    return info;
-}
 
 class StagingAreaTests : public ::testing::Test {
 protected:
@@ -74,13 +69,9 @@ TEST_F(StagingAreaTests, PrepareCreatesMissingAncestorsPrivately) {
 TEST_F(StagingAreaTests, PrepareRefusesExistingOrEscapingRunFolders) {
     const StagingArea area = areaAt(temporary / "VarnelSync-Staging");
     area.prepareRunFolder("3f2a9c10");
-    try {
-        area.prepareRunFolder("3f2a9c10");
-        FAIL() << "an existing run folder was adopted";
-    } catch (const POSIXFileError& error) {
-        EXPECT_EQ(error.errnoValue(), EEXIST);
-        EXPECT_EQ(error.operation(), "mkdir");
-    }
+    const auto adopted = thrownBy<POSIXFileError>([&] { area.prepareRunFolder("3f2a9c10"); });
+    EXPECT_EQ(adopted.errnoValue(), EEXIST);
+    EXPECT_EQ(adopted.operation(), "mkdir");
     for (const std::string name : {"..", "a/b", ""}) {
         SCOPED_TRACE(name);
         EXPECT_THROW(area.prepareRunFolder(name), POSIXFileError);
@@ -202,12 +193,8 @@ TEST_F(StagingAreaFakeTests, PrepareCreatesFromTheTopDownAndStopsAtTheFirstFailu
     const StagingArea deeper{"/var/a/b/VarnelSync-Staging", fake};
     fake->clearChanges();
     fake->failNext("mkdir", EACCES, "/var/a/b");
-    try {
-        deeper.prepareRunFolder("3f2a9c10");
-        FAIL() << "the failure was not reported";
-    } catch (const POSIXFileError& error) {
-        EXPECT_EQ(error, POSIXFileError(EACCES, "mkdir", "/var/a/b"));
-    }
+    EXPECT_EQ(thrownBy<POSIXFileError>([&] { deeper.prepareRunFolder("3f2a9c10"); }),
+              POSIXFileError(EACCES, "mkdir", "/var/a/b"));
     EXPECT_EQ(fake->changes(), (std::vector<std::string>{"mkdir /var", "mkdir /var/a"}));
 }
 

@@ -2,6 +2,7 @@
 #include "archive/ArchiveLayout.hpp"
 #include "support/EngineHarness.hpp"
 #include "support/MountSandbox.hpp"
+#include "support/Shorthand.hpp"
 #include "support/SyncChecker.hpp"
 #include "transfer/PartialFileNaming.hpp"
 #include "support/TemporaryDirectory.hpp"
@@ -18,6 +19,7 @@ namespace varnel {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::thrownBy;
 
 // A saved profile on real folders, driven through the same layer the front ends use.
 class CoordinatorTest : public ::testing::Test {
@@ -131,12 +133,7 @@ TEST_F(CoordinatorTest, SevereConcernNeedsTheTypedWordAndNothingIsWrittenBefore)
     Confirmation confirmation;
     for (const auto& concern : outcome.decision.concerns) confirmation.acknowledgedConcernIDs.insert(concern.id);
     confirmation.typedPhrase = "ARCHIVED";
-    try {
-        (void)sync(outcome, confirmation);
-        FAIL() << "a wrong word must refuse";
-    } catch (const SyncError& error) {
-        EXPECT_EQ(error.code(), "confirmation_required");
-    }
+    EXPECT_EQ(thrownBy<SyncError>([&] { (void)sync(outcome, confirmation); }).code(), "confirmation_required");
     EXPECT_FALSE(fs::exists(destination() / "new.txt"));
     confirmation.typedPhrase = " archive\n";
     EXPECT_EQ(sync(outcome, confirmation).result.itemsArchived, 5);
@@ -148,12 +145,7 @@ TEST_F(CoordinatorTest, AnOutcomeIsStaleAfterAnEditOrANewerAnalysis) {
     auto first = app->analyze(id);
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // analyses are dated to the second
     auto second = app->analyze(id);
-    try {
-        (void)sync(first);
-        FAIL() << "the older analysis must be refused";
-    } catch (const SyncError& error) {
-        EXPECT_EQ(error.code(), "plan_stale");
-    }
+    EXPECT_EQ(thrownBy<SyncError>([&] { (void)sync(first); }).code(), "plan_stale");
     EXPECT_EQ(sync(second).result.filesCopied, 1);
 }
 
@@ -181,12 +173,7 @@ TEST_F(CoordinatorTest, ABlockerRefusesBeforeAnythingIsWritten) {
     auto outcome = app->analyze(id);
     ASSERT_FALSE(outcome.decision.blockers.empty());
     EXPECT_EQ(outcome.decision.blockers.front().code(), "insufficient_space");
-    try {
-        (void)sync(outcome);
-        ADD_FAILURE() << "a blocker must refuse the run";
-    } catch (const SyncError& error) {
-        EXPECT_EQ(error.code(), "insufficient_space");
-    }
+    EXPECT_EQ(thrownBy<SyncError>([&] { (void)sync(outcome); }).code(), "insufficient_space");
     EXPECT_TRUE(fs::is_empty(small));
 }
 

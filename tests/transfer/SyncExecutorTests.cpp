@@ -66,8 +66,6 @@ protected:
                                 progress);
     }
 
-    std::vector<std::string> stagingLeftovers() const { return testing::stagingItemsBelow(destination()); }
-
     testing::TemporaryDirectory temp;
     std::shared_ptr<RealFileSystem> fileSystem = std::make_shared<RealFileSystem>();
     std::shared_ptr<const MonotonicClock> clock = std::make_shared<SteadyMonotonicClock>();
@@ -139,7 +137,7 @@ TEST_F(ExecutorTest, MirrorCopiesAndArchivesDestinationOnlyItemsUnderTheRunFolde
     EXPECT_EQ(temp.readFile(fs::relative(runFolder / "stale.txt", temp.path())), "archived too");
     EXPECT_FALSE(fs::exists(destination() / "old"));
     EXPECT_FALSE(fs::exists(destination() / "stale.txt"));
-    EXPECT_TRUE(stagingLeftovers().empty());
+    EXPECT_TRUE(testing::stagingItemsBelow(destination()).empty());
     EXPECT_EQ(execution.actionResults.size(), 8u);
 }
 
@@ -169,7 +167,7 @@ TEST_F(ExecutorTest, StoppingMidRunKeepsEarlierFilesCompleteAndLeavesNoStagingFi
         ++present;
     }
     EXPECT_EQ(present, result.filesCopied);
-    EXPECT_TRUE(stagingLeftovers().empty());
+    EXPECT_TRUE(testing::stagingItemsBelow(destination()).empty());
 }
 
 // Small-file copies into one folder queue on that folder's lock, so concurrent small
