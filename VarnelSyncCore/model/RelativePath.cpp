@@ -2,6 +2,7 @@
 
 #include "common/DecodingError.hpp"
 #include "common/Unicode.hpp"
+#include "model/PathArena.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -12,16 +13,20 @@
 namespace varnel {
 
 RelativePath::Text* RelativePath::Text::make(std::string_view parent, std::string_view name,
-                                             std::string_view canonical) {
+                                             std::string_view canonical, PathArena* arena) {
     const std::size_t size = parent.empty() ? name.size() : parent.size() + 1 + name.size();
-    // The top bit of the size marks a canonical form, so sizes stay below it.
-    if (size >= kHasCanonical || canonical.size() >= kHasCanonical) throw std::length_error("Path too long.");
+    // The top bits of the size are flags, so sizes stay below them.
+    if (size >= kInArena || canonical.size() >= kInArena) throw std::length_error("Path too long.");
     std::size_t bytes = sizeof(Text) + size;
     if (!canonical.empty()) bytes += sizeof(std::uint32_t) + canonical.size();
-    void* memory = std::malloc(bytes);
+    std::uint32_t offsetToChunk = 0;
+    void* memory = arena ? arena->allocate(bytes, offsetToChunk) : nullptr;
+    const bool inArena = memory != nullptr;
+    if (!inArena) memory = std::malloc(bytes);
     if (!memory) throw std::bad_alloc();
     Text* text = new (memory) Text;
-    text->size_ = static_cast<std::uint32_t>(size) | (canonical.empty() ? 0 : kHasCanonical);
+    text->size_ = static_cast<std::uint32_t>(size) | (canonical.empty() ? 0 : kHasCanonical) | (inArena ? kInArena : 0);
+    if (inArena) text->word_.store(offsetToChunk, std::memory_order_relaxed);
     char* out = reinterpret_cast<char*>(text + 1);
     if (!parent.empty()) {
         std::memcpy(out, parent.data(), parent.size());
@@ -36,6 +41,22 @@ RelativePath::Text* RelativePath::Text::make(std::string_view parent, std::strin
         std::memcpy(out + sizeof canonicalSize, canonical.data(), canonical.size());
     }
     return text;
+}
+
+void RelativePath::Text::retain() {
+    if (inArena()) {
+        PathArena::retain(this, word_.load(std::memory_order_relaxed));
+    } else {
+        word_.fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+void RelativePath::Text::release() {
+    if (inArena()) {
+        PathArena::release(this, word_.load(std::memory_order_relaxed));
+    } else if (word_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        std::free(this);
+    }
 }
 
 std::string_view RelativePath::Text::canonical() const {
@@ -105,7 +126,7 @@ std::optional<RelativePath> RelativePath::fromComponents(const std::vector<std::
     return path;
 }
 
-std::optional<RelativePath> RelativePath::appending(std::string_view name) const {
+std::optional<RelativePath> RelativePath::appending(std::string_view name, PathArena* arena) const {
     if (!isValidComponent(name)) return std::nullopt;
     // "/" never combines with a neighbour, so the canonical form can be built per part.
     std::string canonical;
@@ -117,7 +138,7 @@ std::optional<RelativePath> RelativePath::appending(std::string_view name) const
         }
         canonical += nameCanonical.empty() ? std::string(name) : nameCanonical;
     }
-    return RelativePath(value(), name, canonical);
+    return RelativePath(value(), name, canonical, arena);
 }
 
 RelativePath RelativePath::parent() const {

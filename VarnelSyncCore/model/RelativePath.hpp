@@ -15,6 +15,8 @@
 
 namespace varnel {
 
+class PathArena;
+
 // The position of an item below an endpoint root: components joined by "/", no leading
 // or trailing "/", no empty, "." or ".." component. The root is the empty path.
 //
@@ -36,8 +38,9 @@ public:
     static std::optional<RelativePath> fromComponents(const std::vector<std::string>& components);
     static bool isValidComponent(std::string_view name);
 
-    // The child `name` of this path, or none when `name` is not a valid component.
-    std::optional<RelativePath> appending(std::string_view name) const;
+    // The child `name` of this path, or none when `name` is not a valid component. With an
+    // arena (whose handle the caller owns), the child's text is kept there.
+    std::optional<RelativePath> appending(std::string_view name, PathArena* arena = nullptr) const;
 
     bool isRoot() const { return text_ == nullptr; }
     std::string_view value() const {
@@ -69,31 +72,39 @@ private:
     // One immutable block per path, shared by every copy: a plan, its log records and
     // its warnings name the same hundreds of thousands of paths a scan holds, and each
     // copy costs a reference count instead of a string. The value's bytes follow the
-    // header; when the canonical form differs (rare), its size and bytes follow them.
+    // header; when the canonical form differs (rare), its size and bytes follow them. A
+    // block lives on the heap with its own count, or in a PathArena that counts for it.
     class Text {
     public:
         // The value is `parent` + "/" + `name`, or `name` alone when `parent` is empty.
-        static Text* make(std::string_view parent, std::string_view name, std::string_view canonical);
-        void retain() { references_.fetch_add(1, std::memory_order_relaxed); }
-        bool release() { return references_.fetch_sub(1, std::memory_order_acq_rel) == 1; }
-        std::uint32_t size() const { return size_ & ~kHasCanonical; }
+        static Text* make(std::string_view parent, std::string_view name, std::string_view canonical,
+                          PathArena* arena);
+        void retain();
+        // Drops one reference; a heap block frees itself with its last.
+        void release();
+        std::uint32_t size() const { return size_ & ~(kHasCanonical | kInArena); }
         bool hasCanonical() const { return (size_ & kHasCanonical) != 0; }
         const char* bytes() const { return reinterpret_cast<const char*>(this + 1); }
         std::string_view canonical() const;
 
     private:
         static constexpr std::uint32_t kHasCanonical = 0x8000'0000U;
-        std::atomic<std::uint32_t> references_{1};
+        static constexpr std::uint32_t kInArena = 0x4000'0000U;
+        bool inArena() const { return (size_ & kInArena) != 0; }
+        // A heap block's reference count; for a block in an arena, its fixed distance
+        // from the start of its chunk.
+        std::atomic<std::uint32_t> word_{1};
         std::uint32_t size_ = 0;
     };
 
-    RelativePath(std::string_view parent, std::string_view name, std::string_view canonical)
-        : text_(Text::make(parent, name, canonical)) {}
+    RelativePath(std::string_view parent, std::string_view name, std::string_view canonical,
+                 PathArena* arena = nullptr)
+        : text_(Text::make(parent, name, canonical, arena)) {}
     void retain() const {
         if (text_) text_->retain();
     }
     void release() {
-        if (text_ && text_->release()) std::free(text_);
+        if (text_) text_->release();
     }
     static std::string canonicalFormOf(std::string_view value);
     static std::string canonicalFormOfPath(std::string_view value);

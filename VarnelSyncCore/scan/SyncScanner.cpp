@@ -3,6 +3,7 @@
 #include "common/ByteCount.hpp"
 #include "common/Localization.hpp"
 #include "common/Unicode.hpp"
+#include "model/PathArena.hpp"
 #include "scan/POSIXFileError.hpp"
 #include "transfer/PartialFileNaming.hpp"
 #include "transfer/SyncError.hpp"
@@ -139,7 +140,7 @@ private:
                   std::unordered_map<std::string, RelativePath>& seenNames) {
         // Names that are not UTF-8 cannot be shown, compared or recreated faithfully.
         std::optional<RelativePath> child;
-        if (unicode::isValidUTF8(name)) child = folder.appending(name);
+        if (unicode::isValidUTF8(name)) child = folder.appending(name, paths_.get());
         if (!child) {
             result_.warnings.emplace_back(
                 Category::scanError,
@@ -261,6 +262,7 @@ private:
     const bool caseSensitive_;
     const SyncScanner::ProgressHandler& onProgress_;
 
+    PathArena::Handle paths_;  // every path this scan makes keeps its text here
     ScanResult result_;
     std::deque<PendingFolder> pending_;
     std::unordered_set<DirectoryIdentity, DirectoryIdentityHash> visited_;

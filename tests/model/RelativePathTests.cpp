@@ -1,10 +1,14 @@
 #include "model/RelativePath.hpp"
 
+#include "model/PathArena.hpp"
+
 #include <gtest/gtest.h>
 
 #include <optional>
 #include <set>
+#include <string>
 #include <unordered_set>
+#include <vector>
 
 namespace varnel {
 namespace {
@@ -105,6 +109,39 @@ TEST(RelativePathTest, OrdersByCanonicalScalarValuesWithSlashBelowLetters) {
     std::vector<std::string> values;
     for (const auto& path : ordered) values.emplace_back(path.value());
     EXPECT_EQ(values, (std::vector<std::string>{"Z", "a", "a-b", "a/b", "b", "\xC3\xA9"}));
+}
+
+// Paths whose text lives in a scan's arena are ordinary paths: they compare and hash like
+// their heap twins, keep a canonical form, and outlive the arena's handle for as long as
+// any copy of them does (the sanitizer build turns a premature release into a failure).
+TEST(RelativePathTest, PathsKeptInAnArenaBehaveLikeAnyOtherAndOutliveItsHandle) {
+    std::vector<RelativePath> kept;
+    const std::string decomposed = "Cafe\u0301";
+    const std::string huge(1 << 21, 'n');  // larger than a chunk: the heap takes it
+    {
+        PathArena::Handle arena;
+        const RelativePath folder = *RelativePath().appending("photos", arena.get());
+        for (int i = 0; i < 20'000; ++i) kept.push_back(*folder.appending("IMG_" + std::to_string(i), arena.get()));
+        kept.push_back(*folder.appending(decomposed, arena.get()));
+        kept.push_back(*folder.appending(huge, arena.get()));
+        EXPECT_FALSE(folder.appending("a/b", arena.get())) << "invalid names are still refused";
+    }
+    std::unordered_set<RelativePath> hashed(kept.begin(), kept.end());
+    for (int i = 0; i < 20'000; i += 997) {
+        const auto twin = RelativePath::fromString("photos/IMG_" + std::to_string(i));
+        EXPECT_EQ(kept[static_cast<std::size_t>(i)], *twin);
+        EXPECT_EQ(kept[static_cast<std::size_t>(i)].value(), twin->value());
+        EXPECT_TRUE(hashed.contains(*twin));
+    }
+    const RelativePath& accented = kept[20'000];
+    EXPECT_EQ(accented.value(), "photos/" + decomposed);
+    EXPECT_EQ(accented, *RelativePath::fromString("photos/Caf\u00e9"));
+    EXPECT_EQ(kept.back().value(), "photos/" + huge);
+
+    const RelativePath survivor = kept[123];
+    kept.clear();
+    EXPECT_EQ(survivor.value(), "photos/IMG_123");
+    EXPECT_EQ(survivor.parent(), *RelativePath::fromString("photos"));
 }
 
 }  // namespace
