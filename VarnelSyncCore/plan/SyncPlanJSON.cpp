@@ -124,7 +124,7 @@ private:
     void write(const FileTimestamp& time) {
         beginObject();
         field("nanoseconds", time.nanoseconds);
-        field("seconds", time.seconds);
+        field("seconds", std::int64_t{time.seconds});
         endObject();
     }
     // The fields of to_json(FileSystemEntry).

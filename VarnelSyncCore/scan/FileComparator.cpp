@@ -21,7 +21,7 @@ std::int64_t FileComparator::tolerance(const std::optional<VolumeInfo>& sourceVo
 
 bool FileComparator::timesWithinTolerance(const FileTimestamp& source, const FileTimestamp& destination) const {
     std::int64_t secondsDifference = 0;
-    if (__builtin_sub_overflow(source.seconds, destination.seconds, &secondsDifference)) {
+    if (__builtin_sub_overflow(std::int64_t{source.seconds}, std::int64_t{destination.seconds}, &secondsDifference)) {
         fatalOverflow("modification time difference");
     }
     // A destination that keeps whole seconds only is equal within its second.

@@ -7,7 +7,7 @@
 namespace varnel {
 
 void to_json(nlohmann::json& json, const FileTimestamp& timestamp) {
-    json = nlohmann::json{{"seconds", timestamp.seconds}, {"nanoseconds", timestamp.nanoseconds}};
+    json = nlohmann::json{{"seconds", std::int64_t{timestamp.seconds}}, {"nanoseconds", timestamp.nanoseconds}};
 }
 
 void from_json(const nlohmann::json& json, FileTimestamp& timestamp) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/SplitInt64.hpp"
+
 #include <nlohmann/json_fwd.hpp>
 
 #include <compare>
@@ -10,10 +12,10 @@
 namespace varnel {
 
 // A file time as the file system reports it: seconds since 1970 UTC and 0...999,999,999 ns.
-// Packed to 12 bytes on a 4-byte boundary: a scanned entry holds three, and a scan holds
-// hundreds of thousands of entries.
-struct __attribute__((packed, aligned(4))) FileTimestamp {
-    std::int64_t seconds = 0;
+// 12 bytes on a 4-byte boundary: a scanned entry holds three, and a scan holds hundreds
+// of thousands of entries.
+struct FileTimestamp {
+    SplitInt64 seconds = 0;
     std::int32_t nanoseconds = 0;
 
     static FileTimestamp fromTimespec(const timespec& value) {
