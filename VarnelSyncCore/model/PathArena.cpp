@@ -13,7 +13,7 @@ void* PathArena::allocate(std::size_t bytes, std::uint32_t& offsetToChunk) {
     bytes = (bytes + 3) & ~std::size_t{3};
     if (bytes > kChunkSize - sizeof(ChunkHeader)) return nullptr;
     if (kChunkSize - used_ < bytes) {
-        chunks_.reserve(chunks_.size() + 1);
+        chunks_.reserve(chunks_.size() + 1);  // so that keeping the new chunk cannot throw
         auto* chunk = static_cast<char*>(std::malloc(kChunkSize));
         if (!chunk) throw std::bad_alloc();
         new (chunk) ChunkHeader{this};

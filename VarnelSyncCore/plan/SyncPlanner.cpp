@@ -388,10 +388,9 @@ private:
 //
 // Among paths of one depth, the order of the whole text is the order of the folder part
 // ("a/b/", with its final "/") and then of the name: two folder parts of one depth differ
-// before either ends. So siblings, which a scan delivers together, are sorted by their
-// short names within their run, and only the runs (one per folder, far fewer) are
-// ordered by folder; comparing whole paths that share long folder prefixes was most of
-// planning's time.
+// before either ends. So the runs of siblings that a scan delivers together are ordered
+// by folder (far fewer comparisons), and names are sorted only within one folder;
+// comparing whole paths that share long folder prefixes was most of planning's time.
 void sortInPlace(std::vector<SyncAction>& actions, bool deepestFirst) {
     if (actions.size() >= std::numeric_limits<std::uint32_t>::max()) {
         throw std::length_error("More items than one plan can hold.");
@@ -408,7 +407,6 @@ void sortInPlace(std::vector<SyncAction>& actions, bool deepestFirst) {
         std::size_t begin = 0;
         std::size_t end = 0;
     };
-    const auto byName = [](const Key& a, const Key& b) { return a.name() < b.name(); };
 
     std::vector<Key> keys;
     keys.reserve(actions.size());
@@ -426,37 +424,26 @@ void sortInPlace(std::vector<SyncAction>& actions, bool deepestFirst) {
         keys.push_back(key);
         runs.back().end = i + 1;
     }
-    for (const Run& run : runs) {
-        std::sort(keys.begin() + static_cast<std::ptrdiff_t>(run.begin),
-                  keys.begin() + static_cast<std::ptrdiff_t>(run.end), byName);
-    }
     const auto folderOf = [&](const Run& run) { return keys[run.begin].folder(); };
+    const auto sameFolder = [&](const Run& a, const Run& b) { return a.depth == b.depth && folderOf(a) == folderOf(b); };
     std::stable_sort(runs.begin(), runs.end(), [&](const Run& a, const Run& b) {
         return a.depth != b.depth ? a.depth < b.depth : folderOf(a) < folderOf(b);
     });
 
-    // order[i]: the index of the action that goes to position i. Runs of one folder that
-    // came apart are now neighbours; their names are merged.
+    // order[i]: the index of the action that goes to position i. The runs of one folder
+    // (several when a folder's items came apart) are now neighbours and sorted together.
     std::vector<std::uint32_t> order;
     order.reserve(actions.size());
-    std::vector<Key> merged;
+    std::vector<Key> folder;
     for (std::size_t r = 0; r < runs.size();) {
-        std::size_t next = r + 1;
-        while (next < runs.size() && runs[next].depth == runs[r].depth && folderOf(runs[next]) == folderOf(runs[r])) {
-            ++next;
+        folder.clear();
+        const std::size_t first = r;
+        for (; r < runs.size() && sameFolder(runs[r], runs[first]); ++r) {
+            folder.insert(folder.end(), keys.begin() + static_cast<std::ptrdiff_t>(runs[r].begin),
+                          keys.begin() + static_cast<std::ptrdiff_t>(runs[r].end));
         }
-        if (next == r + 1) {
-            for (std::size_t k = runs[r].begin; k < runs[r].end; ++k) order.push_back(keys[k].index);
-        } else {
-            merged.clear();
-            for (std::size_t m = r; m < next; ++m) {
-                merged.insert(merged.end(), keys.begin() + static_cast<std::ptrdiff_t>(runs[m].begin),
-                              keys.begin() + static_cast<std::ptrdiff_t>(runs[m].end));
-            }
-            std::sort(merged.begin(), merged.end(), byName);
-            for (const Key& key : merged) order.push_back(key.index);
-        }
-        r = next;
+        std::sort(folder.begin(), folder.end(), [](const Key& a, const Key& b) { return a.name() < b.name(); });
+        for (const Key& key : folder) order.push_back(key.index);
     }
     std::vector<Key>().swap(keys);
     if (deepestFirst) std::reverse(order.begin(), order.end());
