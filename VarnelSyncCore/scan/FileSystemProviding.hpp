@@ -4,6 +4,7 @@
 #include "model/RelativePath.hpp"
 #include "scan/CopyOptions.hpp"
 #include "scan/CopyOutcome.hpp"
+#include "scan/DirectoryNames.hpp"
 #include "scan/EndpointRoot.hpp"
 #include "scan/FileSystemEntry.hpp"
 #include "scan/FileTimestamp.hpp"
@@ -28,7 +29,7 @@ public:
     virtual const RelativePath& path() const = 0;
     // The names inside, without "." and "..", in the order the system returns them
     // (unsorted). Throws POSIXFileError "readdir".
-    virtual std::vector<std::string> names() = 0;
+    virtual DirectoryNames names() = 0;
     // The entry of the child `name`, whose path is `childPath`, never following a final
     // link. Throws POSIXFileError "statx".
     virtual FileSystemEntry entry(std::string_view name, const RelativePath& childPath) = 0;

@@ -20,10 +20,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <type_traits>
 #include <variant>
 
 namespace varnel {
@@ -177,19 +180,24 @@ ErrnoOr<DirPointer> streamOf(UniqueFd fd) {
     return DirPointer(dir);
 }
 
-ErrnoOr<std::vector<std::string>> readNames(DIR* dir) {
-    std::vector<std::string> names;
+template <typename Names>
+ErrnoOr<Names> readNames(DIR* dir) {
+    Names names;
     ::rewinddir(dir);
     while (true) {
         errno = 0;
         const dirent* item = ::readdir(dir);
         if (item == nullptr) {
-            if (errno != 0) return ErrnoOr<std::vector<std::string>>::failure(errno);
+            if (errno != 0) return ErrnoOr<Names>::failure(errno);
             return names;
         }
         const std::string_view name = item->d_name;
         if (name == "." || name == "..") continue;
-        names.emplace_back(name);
+        if constexpr (std::is_same_v<Names, DirectoryNames>) {
+            names.add(name);
+        } else {
+            names.emplace_back(name);
+        }
     }
 }
 
@@ -200,8 +208,8 @@ public:
 
     const RelativePath& path() const override { return path_; }
 
-    std::vector<std::string> names() override {
-        auto names = readNames(dir_.get());
+    DirectoryNames names() override {
+        auto names = readNames<DirectoryNames>(dir_.get());
         if (!names.ok()) fail(names.error(), "readdir", root_, path_);
         return std::move(names.value());
     }
@@ -209,8 +217,12 @@ public:
     FileSystemEntry entry(std::string_view name, const RelativePath& childPath) override {
         // A name with "/" or ".." would walk away from this folder.
         if (!RelativePath::isValidComponent(name)) fail(EINVAL, "statx", root_, childPath);
-        const std::string ownName(name);
-        auto entry = statEntry(::dirfd(dir_.get()), ownName.c_str(), childPath);
+        // Listed names fit NAME_MAX, so the terminated copy stays on the stack.
+        if (name.size() > NAME_MAX) fail(ENAMETOOLONG, "statx", root_, childPath);
+        std::array<char, NAME_MAX + 1> terminated;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled next
+        std::memcpy(terminated.data(), name.data(), name.size());
+        terminated[name.size()] = '\0';
+        auto entry = statEntry(::dirfd(dir_.get()), terminated.data(), childPath);
         if (!entry.ok()) fail(entry.error(), "statx", root_, childPath);
         return std::move(entry.value());
     }
@@ -389,7 +401,7 @@ std::vector<std::string> RealFileSystem::listDirectory(const EndpointRoot& root,
     if (!fd.ok()) fail(fd.error(), "opendir", root, path);
     auto dir = streamOf(std::move(fd.value()));
     if (!dir.ok()) fail(dir.error(), "opendir", root, path);
-    auto names = readNames(dir.value().get());
+    auto names = readNames<std::vector<std::string>>(dir.value().get());
     if (!names.ok()) fail(names.error(), "readdir", root, path);
     return std::move(names.value());
 }

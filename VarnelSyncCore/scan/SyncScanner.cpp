@@ -119,7 +119,7 @@ private:
             return;
         }
         std::unique_ptr<OpenDirectory> directory;
-        std::vector<std::string> names;
+        DirectoryNames names;
         try {
             directory = fileSystem_.openDirectory(root_, folder.path);
             names = directory->names();
@@ -131,12 +131,12 @@ private:
 
         // Lower-cased names seen in this folder, for volumes that cannot tell case apart.
         std::unordered_map<std::string, RelativePath> seenNames;
-        for (const std::string& name : names) {
+        for (const std::string_view name : names) {
             scanItem(*directory, folder.path, name, seenNames);
         }
     }
 
-    void scanItem(OpenDirectory& directory, const RelativePath& folder, const std::string& name,
+    void scanItem(OpenDirectory& directory, const RelativePath& folder, std::string_view name,
                   std::unordered_map<std::string, RelativePath>& seenNames) {
         // Names that are not UTF-8 cannot be shown, compared or recreated faithfully.
         std::optional<RelativePath> child;

@@ -85,7 +85,8 @@ TEST_F(RealFileSystemTest, SpecialFilesAreUnsupportedWithTheirReasonAndNoSize) {
 
     // The scanner's route (one listing, then a stat per name) gives the same answers.
     auto folder = fs.openDirectory(root, RelativePath());
-    EXPECT_EQ(sorted(folder->names()), (std::vector<std::string>{"pipe", "socket"}));
+    const DirectoryNames listed = folder->names();
+    EXPECT_EQ(sorted({listed.begin(), listed.end()}), (std::vector<std::string>{"pipe", "socket"}));
     const auto socketEntry = folder->entry("socket", rel("socket"));
     EXPECT_EQ(socketEntry.kind, EntryKind::unsupported);
     EXPECT_EQ(socketEntry.unsupportedReason, UnsupportedReason::socket);
@@ -261,7 +262,7 @@ TEST_F(RealFileSystemTest, PathsLongerThanPathMaxAreListedAndRead) {
     fs.rename(root, rel(relative + "/deep.txt"), root, rel(relative + "/made/moved.txt"),
               FileSystemProviding::RenameMode::noReplace);
     auto folder = fs.openDirectory(root, rel(relative + "/made"));
-    EXPECT_EQ(folder->names(), std::vector<std::string>{"moved.txt"});
+    EXPECT_EQ(folder->names(), DirectoryNames{"moved.txt"});
     EXPECT_EQ(folder->entry("moved.txt", rel(relative + "/made/moved.txt")).size, 4);
 
     const auto walked = openDirectoryBeneath(RealFileSystem::rootDescriptor(root), rel(relative + "/made"),

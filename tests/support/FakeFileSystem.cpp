@@ -49,11 +49,11 @@ public:
 
     const RelativePath& path() const override { return path_; }
 
-    std::vector<std::string> names() override {
+    DirectoryNames names() override {
         std::lock_guard lock(fileSystem_.mutex_);
         fileSystem_.checkFault("readdir", displayPath(root_, path_));
-        std::vector<std::string> names;
-        for (const auto& child : folder_->children) names.push_back(child->name);
+        DirectoryNames names;
+        for (const auto& child : folder_->children) names.add(child->name);
         return names;
     }
 
