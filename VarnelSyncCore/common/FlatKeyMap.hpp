@@ -22,11 +22,28 @@ class FlatKeyMap {
 public:
     explicit FlatKeyMap(std::size_t expectedSize = 0) : buckets_(capacityFor(expectedSize)) {}
 
+    // A key as the map looks it up: its text and its hash.
+    struct HashedKey {
+        HashedKey() = default;
+        explicit HashedKey(std::string_view value) : text(nonNull(value)), hash(hashOf(text)) {}
+        std::string_view text;
+        std::uint32_t hash = 0;
+    };
+
+    // Starts loading the bucket where a look-up of `key` begins. A caller that goes
+    // through many keys in a row hints a few keys ahead, so that each look-up finds its
+    // bucket in cache instead of waiting on memory.
+    void prefetch(const HashedKey& key) const { __builtin_prefetch(&buckets_[homeOf(key.hash)]); }
+    // Starts loading the text of the key held where a look-up of `key` begins, which a
+    // hit compares with; the bucket itself should already be on its way (prefetch).
+    void prefetchStoredKey(const HashedKey& key) const { __builtin_prefetch(buckets_[homeOf(key.hash)].key); }
+
     // The value of `key`, inserted value-initialised when absent; true when inserted.
-    std::pair<Value&, bool> tryEmplace(std::string_view key) {
+    std::pair<Value&, bool> tryEmplace(std::string_view key) { return tryEmplace(HashedKey(key)); }
+    std::pair<Value&, bool> tryEmplace(const HashedKey& hashed) {
         if ((size_ + 1) * 4 > buckets_.size() * 3) grow();
-        key = nonNull(key);
-        const std::uint32_t hash = hashOf(key);
+        const std::string_view key = hashed.text;
+        const std::uint32_t hash = hashed.hash;
         Bucket& bucket = buckets_[indexFor(key, hash)];
         if (bucket.isEmpty()) {
             bucket = Bucket{key.data(), static_cast<std::uint32_t>(key.size()), hash, Value{}};
@@ -36,14 +53,16 @@ public:
         return {bucket.value, false};
     }
 
-    Value* find(std::string_view key) {
-        Bucket& bucket = buckets_[indexFor(nonNull(key), hashOf(nonNull(key)))];
+    Value* find(const HashedKey& key) {
+        Bucket& bucket = buckets_[indexFor(key.text, key.hash)];
         return bucket.isEmpty() ? nullptr : &bucket.value;
     }
-    const Value* find(std::string_view key) const {
-        const Bucket& bucket = buckets_[indexFor(nonNull(key), hashOf(nonNull(key)))];
+    const Value* find(const HashedKey& key) const {
+        const Bucket& bucket = buckets_[indexFor(key.text, key.hash)];
         return bucket.isEmpty() ? nullptr : &bucket.value;
     }
+    Value* find(std::string_view key) { return find(HashedKey(key)); }
+    const Value* find(std::string_view key) const { return find(HashedKey(key)); }
 
     std::size_t size() const { return size_; }
 
@@ -74,10 +93,12 @@ private:
 
     // The index of the bucket holding `key`, or of the empty one where it belongs. The
     // hash is scaled onto the array (a multiply and a shift), so any size works.
+    std::size_t homeOf(std::uint32_t hash) const {
+        return static_cast<std::size_t>((static_cast<std::uint64_t>(hash) * buckets_.size()) >> 32);
+    }
     std::size_t indexFor(std::string_view key, std::uint32_t hash) const {
         const std::size_t count = buckets_.size();
-        std::size_t i = static_cast<std::size_t>((static_cast<std::uint64_t>(hash) * count) >> 32);
-        for (;; i = i + 1 == count ? 0 : i + 1) {
+        for (std::size_t i = homeOf(hash);; i = i + 1 == count ? 0 : i + 1) {
             const Bucket& bucket = buckets_[i];
             if (bucket.isEmpty() || bucket.holds(key, hash)) return i;
         }

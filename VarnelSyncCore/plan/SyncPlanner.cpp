@@ -8,6 +8,7 @@
 #include "transfer/SyncError.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <deque>
 #include <limits>
@@ -50,6 +51,41 @@ struct KeySlot {
     std::uint32_t firstSource = kNone;  // the index of the first source item planned under this key
 };
 
+using KeyIndex = FlatKeyMap<KeySlot>;
+
+// The match keys of one scan's entries, in order, each made a few entries before it is
+// looked up and its bucket (and the key stored there) told to start loading: a look-up
+// per item into an index of hundreds of thousands otherwise waits on memory each time.
+class KeysAhead {
+public:
+    KeysAhead(const std::deque<FileSystemEntry>& entries, MatchKeys& keys, const KeyIndex& index)
+        : entries_(entries), keys_(keys), index_(index) {}
+
+    // The key of entry `position`. Positions are asked for in increasing order.
+    const KeyIndex::HashedKey& operator[](std::size_t position) {
+        for (; made_ < entries_.size() && made_ <= position + kBucketDistance; ++made_) {
+            KeyIndex::HashedKey& key = ring_[made_ % kRing];
+            key = KeyIndex::HashedKey(keys_.of(entries_[made_].relativePath));
+            index_.prefetch(key);
+        }
+        if (position + kStoredKeyDistance < made_) {
+            index_.prefetchStoredKey(ring_[(position + kStoredKeyDistance) % kRing]);
+        }
+        return ring_[position % kRing];
+    }
+
+private:
+    static constexpr std::size_t kBucketDistance = 16;
+    static constexpr std::size_t kStoredKeyDistance = 8;  // its bucket has had time to arrive
+    static constexpr std::size_t kRing = 32;              // more than kBucketDistance + 1
+
+    const std::deque<FileSystemEntry>& entries_;
+    MatchKeys& keys_;
+    const KeyIndex& index_;
+    std::array<KeyIndex::HashedKey, kRing> ring_{};
+    std::size_t made_ = 0;
+};
+
 std::string_view parentKey(std::string_view key) {
     const std::size_t slash = key.rfind('/');
     return slash == std::string_view::npos ? std::string_view() : key.substr(0, slash);
@@ -80,27 +116,29 @@ public:
         // Room for every source item and exclusion, so that the file list can become the
         // whole plan in place (see sortActionsForExecution).
         files_.reserve(input.source.size() + input.source.excluded.size() + input.destination.excluded.size());
-        std::uint32_t index = 0;
-        for (const auto& entry : input.destination.orderedEntries()) {
-            auto [slot, inserted] = slots_.tryEmplace(keys_.of(entry.relativePath));
+        const auto& destinations = input.destination.orderedEntries();
+        KeysAhead keys(destinations, keys_, slots_);
+        for (std::uint32_t index = 0; index < destinations.size(); ++index) {
+            auto [slot, inserted] = slots_.tryEmplace(keys[index]);
             if (inserted) slot.destination = index;
-            ++index;
         }
     }
 
     void planSource(const std::stop_token& stop) {
         const auto& sources = input_.source.orderedEntries();
+        KeysAhead keys(sources, keys_, slots_);
         for (std::uint32_t index = 0; index < sources.size(); ++index) {
             if (stop.stop_requested()) throw SyncError(SyncError::Cancelled{});
             const FileSystemEntry& entry = sources[index];
-            const std::string_view key = keys_.of(entry.relativePath);
+            const KeyIndex::HashedKey& hashed = keys[index];
+            const std::string_view key = hashed.text;
             if (!unplannedFolders_.empty() && unplannedFolders_.contains(parentKey(key))) {
                 if (entry.isDirectory()) unplannedFolders_.insert(key);
                 // Never archive what the source still holds.
-                if (const KeySlot* found = slots_.find(key)) markMatched(*found);
+                if (const KeySlot* found = slots_.find(hashed)) markMatched(*found);
                 continue;
             }
-            KeySlot& slot = slots_.tryEmplace(key).first;
+            KeySlot& slot = slots_.tryEmplace(hashed).first;
             if (slot.firstSource != KeySlot::kNone) {
                 planSourceCollision(entry, sources[slot.firstSource].relativePath);
                 if (entry.isDirectory()) unplannedFolders_.insert(key);
@@ -141,9 +179,13 @@ public:
 
     void planMirrorDestinationPass() {
         if (input_.mode != SyncMode::mirror) return;
-        for (const FileSystemEntry& entry : input_.destination.orderedEntries()) {
-            const std::string_view key = keys_.of(entry.relativePath);
-            if (const KeySlot* found = slots_.find(key); found && isMatched(*found)) continue;
+        const auto& destinations = input_.destination.orderedEntries();
+        KeysAhead keys(destinations, keys_, slots_);
+        for (std::size_t index = 0; index < destinations.size(); ++index) {
+            const FileSystemEntry& entry = destinations[index];
+            const KeyIndex::HashedKey& hashed = keys[index];
+            const std::string_view key = hashed.text;
+            if (const KeySlot* found = slots_.find(hashed); found && isMatched(*found)) continue;
             // An exclusion protects the destination item too.
             if (isAtOrBelow(key, excludedKeys_)) continue;
             // What the source could not list cannot be judged missing.
@@ -168,7 +210,7 @@ public:
         addRunWarnings(warnings, plan.summary);
         plan.summary.warningCount = static_cast<std::int64_t>(warnings.size());
 
-        slots_ = FlatKeyMap<KeySlot>();  // its room goes to the sort
+        slots_ = KeyIndex();  // its room goes to the sort
         sortActionsForExecution(creations_, files_, archives_, others_, plan.actions);
         plan.notes = cloudFolderNotes(plan);
         return plan;
@@ -371,7 +413,7 @@ private:
     const FileComparator& comparator_;
     MatchKeys keys_;
 
-    FlatKeyMap<KeySlot> slots_;
+    KeyIndex slots_;
     // By destination index: whether the source still holds that key's destination item.
     std::vector<bool> matched_;
     KeySet unplannedFolders_;
