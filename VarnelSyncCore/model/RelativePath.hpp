@@ -57,6 +57,9 @@ public:
     // Whether `other` lies strictly below this path.
     bool isAncestorOf(const RelativePath& other) const;
 
+    // Starts loading the text into cache, for loops that read many paths in a row.
+    void prefetch() const { __builtin_prefetch(text_); }
+
     // The NFC form that comparisons use.
     std::string_view canonicalValue() const { return text_ ? text_->canonical() : std::string_view(); }
 

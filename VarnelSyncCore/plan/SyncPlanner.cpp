@@ -453,7 +453,9 @@ void sortInPlace(std::vector<SyncAction>& actions, bool deepestFirst) {
     std::vector<Key> keys;
     keys.reserve(actions.size());
     std::vector<Run> runs;
+    constexpr std::size_t kAhead = 8;  // items whose memory is requested before they are read
     for (std::size_t i = 0; i < actions.size(); ++i) {
+        if (i + kAhead < actions.size()) actions[i + kAhead].relativePath.prefetch();
         const std::string_view path = actions[i].relativePath.value();
         const std::size_t slash = path.rfind('/');
         const Key key{path, static_cast<std::uint32_t>(slash == std::string_view::npos ? 0 : slash + 1),
@@ -490,13 +492,18 @@ void sortInPlace(std::vector<SyncAction>& actions, bool deepestFirst) {
     std::vector<Key>().swap(keys);
     if (deepestFirst) std::reverse(order.begin(), order.end());
 
+    // Following a cycle reads actions in scattered places; each step requests the one two
+    // steps on, so that the wait for memory overlaps the moves.
     std::vector<bool> placed(actions.size());
     for (std::size_t start = 0; start < actions.size(); ++start) {
         if (placed[start]) continue;
+        if (order[start] == start) continue;  // already in place
         SyncAction held = std::move(actions[start]);
         std::size_t at = start;
         for (; order[at] != start; at = order[at]) {
-            actions[at] = std::move(actions[order[at]]);
+            const std::size_t from = order[at];
+            __builtin_prefetch(&actions[order[order[from]]]);
+            actions[at] = std::move(actions[from]);
             placed[at] = true;
         }
         actions[at] = std::move(held);
