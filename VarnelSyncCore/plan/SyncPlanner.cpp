@@ -58,7 +58,7 @@ using KeyIndex = FlatKeyMap<KeySlot>;
 // per item into an index of hundreds of thousands otherwise waits on memory each time.
 class KeysAhead {
 public:
-    KeysAhead(const std::deque<FileSystemEntry>& entries, MatchKeys& keys, const KeyIndex& index)
+    KeysAhead(const EntryStore& entries, MatchKeys& keys, const KeyIndex& index)
         : entries_(entries), keys_(keys), index_(index) {}
 
     // The key of entry `position`. Positions are asked for in increasing order.
@@ -79,7 +79,7 @@ private:
     static constexpr std::size_t kStoredKeyDistance = 8;  // its bucket has had time to arrive
     static constexpr std::size_t kRing = 32;              // more than kBucketDistance + 1
 
-    const std::deque<FileSystemEntry>& entries_;
+    const EntryStore& entries_;
     MatchKeys& keys_;
     const KeyIndex& index_;
     std::array<KeyIndex::HashedKey, kRing> ring_{};

@@ -5,7 +5,7 @@
 namespace varnel {
 
 const FileSystemEntry& ScanResult::add(FileSystemEntry entry) {
-    return entries_->emplace_back(std::move(entry));
+    return entries_->add(std::move(entry));
 }
 
 const FileSystemEntry* ScanResult::entry(const RelativePath& path) const {

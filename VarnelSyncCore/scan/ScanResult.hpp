@@ -2,12 +2,12 @@
 
 #include "model/RelativePath.hpp"
 #include "plan/SyncWarning.hpp"
+#include "scan/EntryStore.hpp"
 #include "scan/FileSystemEntry.hpp"
 #include "scan/SharedEntry.hpp"
 #include "transfer/EndpointRole.hpp"
 
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,8 +16,8 @@
 namespace varnel {
 
 // Everything one scan of one endpoint found. Each entry is stored once, in discovery
-// order, in storage that a plan's actions share (a deque never moves its elements), so
-// the entries outlive the result when a plan still points at them. Move-only.
+// order, in a store that a plan's actions share, so the entries outlive the result when
+// a plan still points at them. Move-only.
 class ScanResult {
 public:
     struct ExcludedItem {
@@ -40,7 +40,7 @@ public:
         friend bool operator==(const CaseCollision&, const CaseCollision&) = default;
     };
 
-    ScanResult() : entries_(std::make_shared<std::deque<FileSystemEntry>>()) {}
+    ScanResult() : entries_(EntryStore::create()) {}
     ScanResult(ScanResult&&) = default;
     ScanResult& operator=(ScanResult&&) = default;
     ScanResult(const ScanResult&) = delete;
@@ -52,13 +52,11 @@ public:
     // The item at `path` (compared canonically), or nullptr. Looks through every entry:
     // the planner keeps its own index.
     const FileSystemEntry* entry(const RelativePath& path) const;
-    const std::deque<FileSystemEntry>& orderedEntries() const { return *entries_; }
+    const EntryStore& orderedEntries() const { return *entries_; }
     std::size_t size() const { return entries_->size(); }
     // `stored`, which must be one of this result's entries, as a handle that keeps it
     // alive without copying it.
-    SharedEntry share(const FileSystemEntry& stored) const {
-        return SharedEntry(std::shared_ptr<const FileSystemEntry>(entries_, &stored));
-    }
+    SharedEntry share(const FileSystemEntry& stored) const { return entries_->share(stored); }
 
     std::vector<ExcludedItem> excluded;
     std::vector<SyncWarning> warnings;
@@ -70,7 +68,7 @@ public:
     std::vector<FileSystemEntry> stagingItems;
 
 private:
-    std::shared_ptr<std::deque<FileSystemEntry>> entries_;
+    EntryStore::Owner entries_;
 };
 
 // A snapshot sent to the caller every so many items.

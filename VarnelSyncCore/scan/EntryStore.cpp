@@ -1,0 +1,53 @@
+#include "scan/EntryStore.hpp"
+
+#include "scan/SharedEntry.hpp"
+
+#include <cstdint>
+#include <new>
+#include <utility>
+
+namespace varnel {
+
+namespace {
+
+constexpr std::align_val_t kBlockAlignment{std::size_t{1} << 20};
+
+}  // namespace
+
+EntryStore::~EntryStore() {
+    for (std::size_t i = 0; i < size_; ++i) {
+        entriesOf(blocks_[i / kPerBlock])[i % kPerBlock].~FileSystemEntry();
+    }
+    for (std::byte* block : blocks_) ::operator delete(block, kBlockBytes, kBlockAlignment);
+}
+
+const FileSystemEntry& EntryStore::add(FileSystemEntry entry) {
+    static_assert(static_cast<std::size_t>(kBlockAlignment) == kBlockBytes);
+    if (size_ == blocks_.size() * kPerBlock) {
+        blocks_.reserve(blocks_.size() + 1);  // so that push_back cannot throw with the block unowned
+        auto* block = static_cast<std::byte*>(::operator new(kBlockBytes, kBlockAlignment));
+        new (block) const EntryStore*(this);
+        blocks_.push_back(block);
+    }
+    FileSystemEntry* stored = new (&entriesOf(blocks_[size_ / kPerBlock])[size_ % kPerBlock])
+        FileSystemEntry(std::move(entry));
+    ++size_;
+    return *stored;
+}
+
+SharedEntry EntryStore::share(const FileSystemEntry& stored) const {
+    retain();
+    return SharedEntry(&stored, SharedEntry::kInStore);
+}
+
+const EntryStore& EntryStore::holding(const FileSystemEntry* entry) {
+    const auto address = reinterpret_cast<std::uintptr_t>(entry);
+    const auto* block = reinterpret_cast<const EntryStore* const*>(address & ~(std::uintptr_t{kBlockBytes} - 1));
+    return **block;
+}
+
+void EntryStore::release() const {
+    if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+}
+
+}  // namespace varnel

@@ -1,0 +1,102 @@
+#pragma once
+
+#include "scan/FileSystemEntry.hpp"
+
+#include <atomic>
+#include <cstddef>
+#include <iterator>
+#include <memory>
+#include <vector>
+
+namespace varnel {
+
+class SharedEntry;
+
+// A scan's entries in discovery order, in large blocks that never move. A plan's
+// actions point into the store rather than copy its entries (see share), and the store
+// lives until the last of those handles and its owner are gone. Blocks are aligned to
+// their size, so a handle finds its store from the entry's address alone and is a single
+// pointer. One thread adds; once it is done, any number may read and share.
+class EntryStore {
+    struct Release {
+        void operator()(EntryStore* store) const { store->release(); }
+    };
+
+public:
+    // The owner's reference; the store outlives it while handles remain.
+    using Owner = std::unique_ptr<EntryStore, Release>;
+
+    class Iterator {
+    public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = FileSystemEntry;
+        using difference_type = std::ptrdiff_t;
+        using pointer = const FileSystemEntry*;
+        using reference = const FileSystemEntry&;
+
+        Iterator() = default;
+        Iterator(const EntryStore* store, std::size_t index) : store_(store), index_(index) {}
+        const FileSystemEntry& operator*() const { return (*store_)[index_]; }
+        const FileSystemEntry* operator->() const { return &(*store_)[index_]; }
+        Iterator& operator++() {
+            ++index_;
+            return *this;
+        }
+        Iterator operator++(int) {
+            Iterator before = *this;
+            ++index_;
+            return before;
+        }
+        friend bool operator==(const Iterator& a, const Iterator& b) { return a.index_ == b.index_; }
+
+    private:
+        const EntryStore* store_ = nullptr;
+        std::size_t index_ = 0;
+    };
+
+    static Owner create() { return Owner(new EntryStore()); }
+    EntryStore(const EntryStore&) = delete;
+    EntryStore& operator=(const EntryStore&) = delete;
+
+    // Appends `entry`; returns it as stored, at an address that never changes.
+    const FileSystemEntry& add(FileSystemEntry entry);
+
+    std::size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+    const FileSystemEntry& operator[](std::size_t index) const {
+        return entriesOf(blocks_[index / kPerBlock])[index % kPerBlock];
+    }
+    Iterator begin() const { return Iterator(this, 0); }
+    Iterator end() const { return Iterator(this, size_); }
+
+    // A handle that keeps `stored`, one of this store's entries, alive without copying it.
+    SharedEntry share(const FileSystemEntry& stored) const;
+
+private:
+    friend class SharedEntry;
+
+    static constexpr std::size_t kBlockBytes = std::size_t{1} << 20;
+    // Each block starts with the store it belongs to; its entries follow.
+    static constexpr std::size_t kHeaderBytes = alignof(FileSystemEntry) > sizeof(EntryStore*)
+                                                    ? alignof(FileSystemEntry)
+                                                    : sizeof(EntryStore*);
+    static constexpr std::size_t kPerBlock = (kBlockBytes - kHeaderBytes) / sizeof(FileSystemEntry);
+
+    EntryStore() = default;
+    ~EntryStore();
+
+    static FileSystemEntry* entriesOf(std::byte* block) {
+        return reinterpret_cast<FileSystemEntry*>(block + kHeaderBytes);
+    }
+    // The store holding `entry`, one of some store's entries.
+    static const EntryStore& holding(const FileSystemEntry* entry);
+
+    void retain() const { references_.fetch_add(1, std::memory_order_relaxed); }
+    void release() const;
+
+    std::vector<std::byte*> blocks_;
+    std::size_t size_ = 0;
+    mutable std::atomic<std::size_t> references_{1};
+};
+
+}  // namespace varnel
