@@ -4,6 +4,7 @@
 #include "common/Localization.hpp"
 #include "common/Unicode.hpp"
 #include "model/PathArena.hpp"
+#include "scan/FolderReadAhead.hpp"
 #include "scan/POSIXFileError.hpp"
 #include "transfer/PartialFileNaming.hpp"
 #include "transfer/SyncError.hpp"
@@ -33,7 +34,7 @@ struct DirectoryIdentityHash {
 
 struct PendingFolder {
     RelativePath path;
-    DirectoryIdentity identity;
+    bool visitedBefore = false;  // reached again through a file system loop
 };
 
 Category categoryFor(int errnoValue) {
@@ -67,14 +68,17 @@ class ScanRun {
 public:
     ScanRun(FileSystemProviding& fileSystem, const ExclusionEngine& exclusions, std::int64_t progressInterval,
             const EndpointRoot& root, EndpointRole role, bool caseSensitive,
-            const SyncScanner::ProgressHandler& onProgress)
+            const SyncScanner::ProgressHandler& onProgress, SyncScanner::ReadAhead readAhead)
         : fileSystem_(fileSystem),
           exclusions_(exclusions),
           progressInterval_(progressInterval > 0 ? progressInterval : 1),
           root_(root),
           role_(role),
           caseSensitive_(caseSensitive),
-          onProgress_(onProgress) {}
+          onProgress_(onProgress),
+          paths_(readAhead.helpers + 1),
+          readAhead_([this](const RelativePath& folder, std::size_t reader) { return readFolder(folder, reader); },
+                     readAhead.helpers, readAhead.helpers * kFoldersAheadPerHelper, readAhead.diskBlocksBeforeHelping) {}
 
     ScanResult run(std::stop_token stop) {
         enqueueRoot();
@@ -91,11 +95,52 @@ private:
     void enqueueRoot() {
         try {
             const FileSystemEntry rootEntry = fileSystem_.entry(root_, RelativePath());
-            pending_.push_back({RelativePath(), {rootEntry.deviceID, rootEntry.inode}});
+            enqueue(RelativePath(), {rootEntry.deviceID, rootEntry.inode});
         } catch (const POSIXFileError& error) {
             // The root itself cannot be read: report it like any unlistable folder.
             reportUnlistable(RelativePath(), error);
         }
+    }
+
+    // Folders are judged against the loop guard in the order they are queued, which is
+    // the order they are taken, so the first arrival keeps its contents either way; a
+    // folder seen before is never read.
+    void enqueue(const RelativePath& path, DirectoryIdentity identity) {
+        const bool visitedBefore = !visited_.insert(identity).second;
+        pending_.push_back({path, visitedBefore});
+        if (!visitedBefore) readAhead_.add(path);
+    }
+
+    // Lists `folder` and reads each item's entry. Runs on the scan's thread (reader 0) and
+    // on read-ahead helpers at once, so it only touches the file system and its own arena.
+    FolderListing readFolder(const RelativePath& folder, std::size_t reader) {
+        FolderListing listing;
+        std::unique_ptr<OpenDirectory> directory;
+        try {
+            directory = fileSystem_.openDirectory(root_, folder);
+            listing.names = directory->names();
+        } catch (const POSIXFileError& error) {
+            listing.failure = error;
+            return listing;
+        }
+        listing.children.resize(listing.names.size());
+        for (std::size_t i = 0; i < listing.names.size(); ++i) {
+            const std::string_view name = listing.names[i];
+            FolderListing::Child& child = listing.children[i];
+            // Names that are not UTF-8 cannot be shown, compared or recreated faithfully.
+            if (unicode::isValidUTF8(name)) child.path = folder.appending(name, paths_[reader].get());
+            if (!child.path || isArchiveFolder(folder, name)) continue;
+            try {
+                child.entry = directory->entry(name, *child.path);
+            } catch (const POSIXFileError& error) {
+                child.failure = error;
+            }
+        }
+        return listing;
+    }
+
+    bool isArchiveFolder(const RelativePath& folder, std::string_view name) const {
+        return role_ == EndpointRole::destination && folder.isRoot() && name == SyncScanner::kArchiveFolderName;
     }
 
     void reportUnlistable(const RelativePath& path, const POSIXFileError& error) {
@@ -110,7 +155,7 @@ private:
     }
 
     void scanFolder(const PendingFolder& folder) {
-        if (!visited_.insert(folder.identity).second) {
+        if (folder.visitedBefore) {
             result_.warnings.emplace_back(
                 Category::scanError,
                 trFormat("Skipped “{}” — it resolves to a folder already visited in this scan (filesystem loop).",
@@ -118,50 +163,40 @@ private:
                 folder.path);
             return;
         }
-        std::unique_ptr<OpenDirectory> directory;
-        DirectoryNames names;
-        try {
-            directory = fileSystem_.openDirectory(root_, folder.path);
-            names = directory->names();
-        } catch (const POSIXFileError& error) {
-            reportUnlistable(folder.path, error);
+        FolderListing listing = readAhead_.take();
+        if (listing.failure) {
+            reportUnlistable(folder.path, *listing.failure);
             return;
         }
         ++result_.directoriesScanned;
 
         // Lower-cased names seen in this folder, for volumes that cannot tell case apart.
         std::unordered_map<std::string, RelativePath> seenNames;
-        for (const std::string_view name : names) {
-            scanItem(*directory, folder.path, name, seenNames);
+        for (std::size_t i = 0; i < listing.names.size(); ++i) {
+            scanItem(folder.path, listing.names[i], listing.children[i], seenNames);
         }
     }
 
-    void scanItem(OpenDirectory& directory, const RelativePath& folder, std::string_view name,
+    void scanItem(const RelativePath& folder, std::string_view name, FolderListing::Child& child,
                   std::unordered_map<std::string, RelativePath>& seenNames) {
-        // Names that are not UTF-8 cannot be shown, compared or recreated faithfully.
-        std::optional<RelativePath> child;
-        if (unicode::isValidUTF8(name)) child = folder.appending(name, paths_.get());
-        if (!child) {
+        if (!child.path) {
             result_.warnings.emplace_back(
                 Category::scanError,
                 trFormat("Skipped an item with an unusable name in “{}”.", folder.description()), folder);
             return;
         }
-        const RelativePath& path = *child;
-        if (role_ == EndpointRole::destination && folder.isRoot() && name == SyncScanner::kArchiveFolderName) {
-            return;  // the archive is the engine's own and never takes part
-        }
+        const RelativePath& path = *child.path;
+        if (isArchiveFolder(folder, name)) return;  // the archive is the engine's own and never takes part
 
-        FileSystemEntry entry;
-        try {
-            entry = directory.entry(name, path);
-        } catch (const POSIXFileError& error) {
+        if (child.failure) {
+            const POSIXFileError& error = *child.failure;
             result_.readFailures.push_back({path, false, error.errnoValue(), error.message()});
             result_.warnings.emplace_back(categoryFor(error.errnoValue()),
                                           trFormat("Could not read “{}”: {}.", path.description(), error.message()),
                                           path);
             return;
         }
+        FileSystemEntry entry = std::move(*child.entry);
 
         if (auto match = exclusions_.match(path.value(), entry.isDirectory())) {
             result_.excluded.push_back({path, entry.isDirectory(), std::move(match->ruleDescription)});
@@ -209,7 +244,7 @@ private:
         const RelativePath& path = stored.relativePath;
         switch (stored.kind) {
             case EntryKind::directory:
-                pending_.push_back({path, {stored.deviceID, stored.inode}});
+                enqueue(path, {stored.deviceID, stored.inode});
                 break;
             case EntryKind::regularFile:
                 if (stored.hardLinkCount >= 2) {
@@ -262,11 +297,15 @@ private:
     const bool caseSensitive_;
     const SyncScanner::ProgressHandler& onProgress_;
 
-    PathArena::Handle paths_;  // every path this scan makes keeps its text here
+    static constexpr std::size_t kFoldersAheadPerHelper = 16;
+
+    // Every path this scan makes keeps its text here: one arena for each reader.
+    std::vector<PathArena::Handle> paths_;
     ScanResult result_;
     std::deque<PendingFolder> pending_;
     std::unordered_set<DirectoryIdentity, DirectoryIdentityHash> visited_;
     std::int64_t itemsFound_ = 0;
+    FolderReadAhead readAhead_;  // last: its helpers use everything above until it is gone
 };
 
 }  // namespace
@@ -299,12 +338,17 @@ bool symlinkTargetEscapesRoot(const RelativePath& linkPath, const std::string& t
     return false;
 }
 
-SyncScanner::SyncScanner(FileSystemProviding& fileSystem, ExclusionEngine exclusions, std::int64_t progressInterval)
-    : fileSystem_(fileSystem), exclusions_(std::move(exclusions)), progressInterval_(progressInterval) {}
+SyncScanner::SyncScanner(FileSystemProviding& fileSystem, ExclusionEngine exclusions, std::int64_t progressInterval,
+                         ReadAhead readAhead)
+    : fileSystem_(fileSystem),
+      exclusions_(std::move(exclusions)),
+      progressInterval_(progressInterval),
+      readAhead_(readAhead) {}
 
 ScanResult SyncScanner::scan(const EndpointRoot& root, EndpointRole role, bool volumeIsCaseSensitive,
                              const ProgressHandler& onProgress, std::stop_token stop) const {
-    ScanRun run(fileSystem_, exclusions_, progressInterval_, root, role, volumeIsCaseSensitive, onProgress);
+    ScanRun run(fileSystem_, exclusions_, progressInterval_, root, role, volumeIsCaseSensitive, onProgress,
+                readAhead_);
     return run.run(std::move(stop));
 }
 

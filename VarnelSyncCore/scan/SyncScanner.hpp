@@ -6,11 +6,22 @@
 #include "scan/ScanResult.hpp"
 #include "transfer/EndpointRole.hpp"
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <stop_token>
 
 namespace varnel {
+
+// Threads per scan that list folders and read their items ahead of the walk, which on a
+// cold disk keeps many requests in flight. What a scan finds, and in which order, is the
+// same with or without them.
+struct ScanReadAhead {
+    std::size_t helpers = 0;
+    // The disk blocks (512 bytes) the walk's own reads must have needed before the
+    // helpers start; 0 starts them at once. 32 KiB is a few folders on a cold disk.
+    std::int64_t diskBlocksBeforeHelping = 64;
+};
 
 // Walks one endpoint breadth-first and records what is there. It only reads: one
 // listing per folder and one stat per item, never file contents. A folder that cannot
@@ -24,8 +35,11 @@ public:
 
     using ProgressHandler = std::function<void(const ScanProgress&)>;
 
+    using ReadAhead = ScanReadAhead;
+    static constexpr ReadAhead kDefaultReadAhead{4, 64};
+
     SyncScanner(FileSystemProviding& fileSystem, ExclusionEngine exclusions,
-                std::int64_t progressInterval = kDefaultProgressInterval);
+                std::int64_t progressInterval = kDefaultProgressInterval, ReadAhead readAhead = {});
 
     // Throws SyncError::Cancelled (with no partial result) when `stop` is requested;
     // every other problem becomes a warning and the scan goes on.
@@ -36,6 +50,7 @@ private:
     FileSystemProviding& fileSystem_;
     ExclusionEngine exclusions_;
     std::int64_t progressInterval_;
+    ReadAhead readAhead_;
 };
 
 // Whether a link at `linkPath` with `target` points outside the endpoint whose root was

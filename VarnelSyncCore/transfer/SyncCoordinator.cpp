@@ -98,7 +98,8 @@ SyncCoordinator::AnalysisOutcome SyncCoordinator::analyze(const SyncProfile& pro
     outcome.sourceVolume = endpoints.sourceVolume.identity;
     outcome.destinationVolume = endpoints.destinationVolume.identity;
 
-    const SyncScanner scanner(*c_.fileSystem, ExclusionEngine(profile.exclusionRules, profile.hiddenFilePolicy));
+    const SyncScanner scanner(*c_.fileSystem, ExclusionEngine(profile.exclusionRules, profile.hiddenFilePolicy),
+                              SyncScanner::kDefaultProgressInterval, SyncScanner::kDefaultReadAhead);
     const EndpointRoot sourceRoot = c_.fileSystem->openRoot(endpoints.canonicalSourceURL);
     const EndpointRoot destinationRoot = c_.fileSystem->openRoot(endpoints.canonicalDestinationURL);
     outcome.sourceDeviceID = c_.fileSystem->entry(sourceRoot, RelativePath()).deviceID;

@@ -7,6 +7,7 @@
 #include "transfer/PartialFileNaming.hpp"
 #include "transfer/SyncError.hpp"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -36,18 +37,24 @@ std::vector<std::string> messagesOf(const ScanResult& result, Category category)
     return messages;
 }
 
-class SyncScannerTest : public ::testing::Test {
+// Every scanner test runs twice: walking alone, and with helpers reading folders ahead
+// from the first folder on, which must find the same things in the same order.
+class SyncScannerTest : public ::testing::TestWithParam<SyncScanner::ReadAhead> {
 protected:
     ScanResult scan(const ExclusionEngine& exclusions, EndpointRole role = EndpointRole::source,
                     bool caseSensitive = true, const std::string& root = "/src") {
-        const SyncScanner scanner(fs, exclusions);
+        const SyncScanner scanner(fs, exclusions, SyncScanner::kDefaultProgressInterval, GetParam());
         return scanner.scan(fs.openRoot(root), role, caseSensitive);
     }
 
     FakeFileSystem fs;
 };
 
-TEST_F(SyncScannerTest, WalksBreadthFirstAndKeepsEveryEntryOnce) {
+INSTANTIATE_TEST_SUITE_P(Walk, SyncScannerTest,
+                         ::testing::Values(SyncScanner::ReadAhead{0, 0}, SyncScanner::ReadAhead{3, 0}),
+                         [](const auto& info) { return info.param.helpers == 0 ? "Alone" : "WithReadAhead"; });
+
+TEST_P(SyncScannerTest, WalksBreadthFirstAndKeepsEveryEntryOnce) {
     fs.addFile("/src/top.txt", "x");
     fs.addFile("/src/a/deep/file.txt", "y");
     fs.addFile("/src/a/one.txt", "z");
@@ -65,7 +72,7 @@ TEST_F(SyncScannerTest, WalksBreadthFirstAndKeepsEveryEntryOnce) {
     EXPECT_EQ(result.entry(*RelativePath::fromString("a/missing")), nullptr);
 }
 
-TEST_F(SyncScannerTest, ExcludedItemsAreRecordedAndNeverEntered) {
+TEST_P(SyncScannerTest, ExcludedItemsAreRecordedAndNeverEntered) {
     fs.addFile("/src/.git/config", "x");
     fs.addFile("/src/web/node_modules/pkg/index.js", "x");
     fs.addFile("/src/web/app.js", "x");
@@ -85,7 +92,7 @@ TEST_F(SyncScannerTest, ExcludedItemsAreRecordedAndNeverEntered) {
     EXPECT_TRUE(result.warnings.empty());
 }
 
-TEST_F(SyncScannerTest, UnlistableFoldersAreReportedWithTheirCategory) {
+TEST_P(SyncScannerTest, UnlistableFoldersAreReportedWithTheirCategory) {
     fs.addFile("/src/locked/secret.txt", "x");
     fs.addFile("/src/broken/x.txt", "x");
     fs.addFile("/src/ok.txt", "x");
@@ -107,7 +114,41 @@ TEST_F(SyncScannerTest, UnlistableFoldersAreReportedWithTheirCategory) {
     EXPECT_EQ(result.entry(*RelativePath::fromString("locked/secret.txt")), nullptr);
 }
 
-TEST_F(SyncScannerTest, AFolderReachedTwiceIsALoopAndSkipped) {
+// A tree wide and deep enough that the helpers read well ahead of the walk, with the
+// kinds of trouble the walk reports in its own order: unlistable folders, unreadable
+// items, a loop.
+TEST_P(SyncScannerTest, AWideTreeGivesTheSameResultAsAWalkAlone) {
+    for (int a = 0; a < 5; ++a) {
+        for (int b = 0; b < 6; ++b) {
+            for (int c = 0; c < 6; ++c) {
+                const std::string folder = fmt::format("/src/d{}/s{}/t{}", a, b, c);
+                for (int f = 0; f < 4; ++f) fs.addFile(fmt::format("{}/f{}.txt", folder, f), "x");
+            }
+        }
+    }
+    fs.failAlways("opendir", EACCES, "/src/d1/s2");
+    fs.failAlways("opendir", EIO, "/src/d4/s5/t0");
+    fs.failAlways("statx", EIO, "/src/d3/s1/t4/f2.txt");
+    fs.node("/src/d2/s4/t3").inode = fs.node("/src/d2").inode;
+
+    const auto summary = [](const ScanResult& result) {
+        std::vector<std::string> lines;
+        for (const auto& entry : result.orderedEntries()) lines.push_back("entry " + entry.relativePath.description());
+        for (const auto& warning : result.warnings) lines.push_back("warning " + warning.message);
+        for (const auto& failure : result.readFailures) lines.push_back("failure " + failure.path.description());
+        for (const auto& folder : result.unreadableDirectories) lines.push_back("unlistable " + folder.description());
+        lines.push_back(fmt::format("folders {}", result.directoriesScanned));
+        return lines;
+    };
+    const SyncScanner alone(fs, noRules());
+    const auto expected = summary(alone.scan(fs.openRoot("/src"), EndpointRole::source, true));
+    // 935 items less the 30 below d1/s2, 4 below d4/s5/t0, 4 below the loop and 1 unreadable;
+    // 4 warnings, 3 read failures, 2 unlistable folders and the folder count.
+    ASSERT_EQ(expected.size(), 896U + 4 + 3 + 2 + 1);
+    for (int round = 0; round < 3; ++round) EXPECT_EQ(summary(scan(noRules())), expected);
+}
+
+TEST_P(SyncScannerTest, AFolderReachedTwiceIsALoopAndSkipped) {
     fs.addFile("/src/a/file.txt", "x");
     auto& again = fs.addDirectory("/src/a/again");
     again.inode = fs.node("/src/a").inode;  // a bind mount or hard-linked folder looking back up
@@ -120,7 +161,7 @@ TEST_F(SyncScannerTest, AFolderReachedTwiceIsALoopAndSkipped) {
     EXPECT_EQ(result.entry(*RelativePath::fromString("a/again/inner.txt")), nullptr);
 }
 
-TEST_F(SyncScannerTest, CaseCollisionsOnlyOnCaseInsensitiveVolumes) {
+TEST_P(SyncScannerTest, CaseCollisionsOnlyOnCaseInsensitiveVolumes) {
     fs.addFile("/src/Report.txt", "1");
     fs.addFile("/src/report.txt", "2");
 
@@ -138,7 +179,7 @@ TEST_F(SyncScannerTest, CaseCollisionsOnlyOnCaseInsensitiveVolumes) {
     EXPECT_TRUE(sensitive.caseCollisions.empty());
 }
 
-TEST_F(SyncScannerTest, StagingNamesAndTheArchiveFolderAreNeverRecorded) {
+TEST_P(SyncScannerTest, StagingNamesAndTheArchiveFolderAreNeverRecorded) {
     const std::string staging = PartialFileNaming::makeStagingName("photo.jpg", Uuid::random());
     fs.addFile("/dst/" + staging, "partial");
     fs.addFile("/dst/.VarnelSync-Archive/P/run/old.txt", "x");
@@ -163,7 +204,7 @@ TEST_F(SyncScannerTest, StagingNamesAndTheArchiveFolderAreNeverRecorded) {
     EXPECT_EQ(pathsOf(scan(noRules())), (std::vector<std::string>{".VarnelSync-Archive"}));
 }
 
-TEST_F(SyncScannerTest, PerKindWarnings) {
+TEST_P(SyncScannerTest, PerKindWarnings) {
     auto& linked = fs.addFile("/src/linked.txt", "x");
     linked.hardLinkCount = 3;
     auto& sparse = fs.addFile("/src/sparse.img");
@@ -204,7 +245,7 @@ TEST_F(SyncScannerTest, PerKindWarnings) {
     EXPECT_TRUE(result.entry(*RelativePath::fromString("cloud.pdf"))->isDataless);
 }
 
-TEST_F(SyncScannerTest, CancellationThrowsAndProgressArrivesEveryIntervalItems) {
+TEST_P(SyncScannerTest, CancellationThrowsAndProgressArrivesEveryIntervalItems) {
     for (int i = 0; i < 7; ++i) fs.addFile("/src/f" + std::to_string(i), "x");
     std::vector<std::int64_t> reported;
     const SyncScanner scanner(fs, noRules(), 3);
@@ -224,7 +265,7 @@ TEST_F(SyncScannerTest, CancellationThrowsAndProgressArrivesEveryIntervalItems) 
               "cancelled");
 }
 
-TEST_F(SyncScannerTest, BothSidesScannedAtOnceReportLikeOneAfterTheOther) {
+TEST_P(SyncScannerTest, BothSidesScannedAtOnceReportLikeOneAfterTheOther) {
     for (int i = 0; i < 300; ++i) {
         fs.addFile("/src/d" + std::to_string(i % 7) + "/f" + std::to_string(i), "x");
         fs.addFile("/dst/d" + std::to_string(i % 5) + "/f" + std::to_string(i), "x");

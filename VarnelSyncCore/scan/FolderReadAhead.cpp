@@ -1,0 +1,111 @@
+#include "scan/FolderReadAhead.hpp"
+
+#include "platform/ThreadDiskReads.hpp"
+
+#include <utility>
+
+namespace varnel {
+
+
+FolderReadAhead::FolderReadAhead(Reader read, std::size_t helpers, std::size_t maxAhead,
+                                 std::int64_t diskBlocksBeforeHelping)
+    : read_(std::move(read)),
+      maxAhead_(maxAhead > 0 ? maxAhead : 1),
+      blocksBeforeHelping_(diskBlocksBeforeHelping),
+      helping_(helpers > 0 && diskBlocksBeforeHelping <= 0) {
+    helpers_.reserve(helpers);
+    try {
+        for (std::size_t i = 1; i <= helpers; ++i) helpers_.emplace_back([this, i] { help(i); });
+    } catch (...) {
+        stop();  // the helpers already running
+        throw;
+    }
+}
+
+FolderReadAhead::~FolderReadAhead() { stop(); }
+
+void FolderReadAhead::stop() {
+    {
+        const std::lock_guard lock(mutex_);
+        stopping_ = true;
+    }
+    changed_.notify_all();
+    for (std::thread& helper : helpers_) {
+        if (helper.joinable()) helper.join();
+    }
+}
+
+void FolderReadAhead::add(const RelativePath& folder) {
+    bool helping = false;
+    {
+        const std::lock_guard lock(mutex_);
+        slots_.push_back(std::make_shared<Slot>(Slot{folder, false, {}, nullptr}));
+        ++added_;
+        helping = helping_;
+    }
+    if (helping) changed_.notify_one();  // idle helpers have nothing to wake for
+}
+
+FolderListing FolderReadAhead::take() {
+    std::unique_lock lock(mutex_);
+    const std::shared_ptr<Slot> slot = slots_.front();
+    slots_.pop_front();
+    ++taken_;
+    if (started_ < taken_) {
+        // No helper has begun this one: reading it here is quicker than waiting.
+        started_ = taken_;
+        const bool helping = helping_;
+        lock.unlock();
+        if (!helping) return readHere(slot->folder);
+        changed_.notify_all();  // one more folder may now be read ahead
+        return read_(slot->folder, 0);
+    }
+    changed_.wait(lock, [&] { return slot->done; });
+    lock.unlock();
+    changed_.notify_all();
+    if (slot->failure) std::rethrow_exception(slot->failure);
+    return std::move(slot->listing);
+}
+
+FolderListing FolderReadAhead::readHere(const RelativePath& folder) {
+    const std::optional<std::int64_t> before = diskBlocksReadByThisThread();
+    FolderListing listing = read_(folder, 0);
+    const std::optional<std::int64_t> after = diskBlocksReadByThisThread();
+    // Where the system does not say, the helpers help from the first folder on.
+    blocksReadHere_ += before && after ? *after - *before : blocksBeforeHelping_;
+    if (blocksReadHere_ >= blocksBeforeHelping_ && !helpers_.empty()) {
+        {
+            const std::lock_guard lock(mutex_);
+            helping_ = true;
+        }
+        changed_.notify_all();
+    }
+    return listing;
+}
+
+void FolderReadAhead::help(std::size_t reader) {
+    std::unique_lock lock(mutex_);
+    while (true) {
+        changed_.wait(lock, [&] {
+            return stopping_ || (helping_ && started_ < added_ && started_ - taken_ < maxAhead_);
+        });
+        if (stopping_) return;
+        const std::shared_ptr<Slot> slot = slots_[started_ - taken_];
+        ++started_;
+        lock.unlock();
+        FolderListing listing;
+        std::exception_ptr failure;
+        try {
+            listing = read_(slot->folder, reader);
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        lock.lock();
+        slot->listing = std::move(listing);
+        slot->failure = failure;
+        slot->done = true;
+        changed_.notify_all();
+    }
+}
+
+}  // namespace varnel
