@@ -1,10 +1,10 @@
 #pragma once
 
+#include "common/IndexedIterator.hpp"
 #include "scan/FileSystemEntry.hpp"
 
 #include <atomic>
 #include <cstddef>
-#include <iterator>
 #include <memory>
 #include <vector>
 
@@ -26,34 +26,6 @@ public:
     // The owner's reference; the store outlives it while handles remain.
     using Owner = std::unique_ptr<EntryStore, Release>;
 
-    class Iterator {
-    public:
-        using iterator_category = std::forward_iterator_tag;
-        using value_type = FileSystemEntry;
-        using difference_type = std::ptrdiff_t;
-        using pointer = const FileSystemEntry*;
-        using reference = const FileSystemEntry&;
-
-        Iterator() = default;
-        Iterator(const EntryStore* store, std::size_t index) : store_(store), index_(index) {}
-        const FileSystemEntry& operator*() const { return (*store_)[index_]; }
-        const FileSystemEntry* operator->() const { return &(*store_)[index_]; }
-        Iterator& operator++() {
-            ++index_;
-            return *this;
-        }
-        Iterator operator++(int) {
-            Iterator before = *this;
-            ++index_;
-            return before;
-        }
-        friend bool operator==(const Iterator& a, const Iterator& b) { return a.index_ == b.index_; }
-
-    private:
-        const EntryStore* store_ = nullptr;
-        std::size_t index_ = 0;
-    };
-
     static Owner create() { return Owner(new EntryStore()); }
     EntryStore(const EntryStore&) = delete;
     EntryStore& operator=(const EntryStore&) = delete;
@@ -66,8 +38,8 @@ public:
     const FileSystemEntry& operator[](std::size_t index) const {
         return entriesOf(blocks_[index / kPerBlock])[index % kPerBlock];
     }
-    Iterator begin() const { return Iterator(this, 0); }
-    Iterator end() const { return Iterator(this, size_); }
+    IndexedIterator<EntryStore> begin() const { return {this, 0}; }
+    IndexedIterator<EntryStore> end() const { return {this, size_}; }
 
     // A handle that keeps `stored`, one of this store's entries, alive without copying it.
     SharedEntry share(const FileSystemEntry& stored) const;

@@ -6,7 +6,6 @@
 
 namespace varnel {
 
-
 FolderReadAhead::FolderReadAhead(Reader read, std::size_t helpers, std::size_t maxAhead,
                                  std::int64_t diskBlocksBeforeHelping)
     : read_(std::move(read)),
