@@ -18,7 +18,7 @@ EntryStore::~EntryStore() {
     for (std::size_t i = 0; i < size_; ++i) {
         entriesOf(blocks_[i / kPerBlock])[i % kPerBlock].~FileSystemEntry();
     }
-    for (std::byte* block : blocks_) ::operator delete(block, kBlockBytes, kBlockAlignment);
+    for (std::byte* block : blocks_) ::operator delete(block, kBlockAlignment);
 }
 
 const FileSystemEntry& EntryStore::add(FileSystemEntry entry) {

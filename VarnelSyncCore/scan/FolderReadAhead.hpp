@@ -22,10 +22,12 @@ namespace varnel {
 // What one folder held: its names in listing order and, for each, its entry or why it
 // could not be read; or why the folder itself could not be listed.
 struct FolderListing {
+    // A listing holds one per item of its folder until the walk has taken them, so a
+    // rare failure is kept aside rather than making every child larger.
     struct Child {
         std::optional<RelativePath> path;  // none for a name that cannot be a path component
         std::optional<FileSystemEntry> entry;
-        std::optional<POSIXFileError> failure;  // set when there is a path but no entry
+        std::unique_ptr<POSIXFileError> failure;  // set when there is a path but no entry
     };
     std::optional<POSIXFileError> failure;  // opening or listing the folder failed
     DirectoryNames names;

@@ -133,7 +133,7 @@ private:
             try {
                 child.entry = directory->entry(name, *child.path);
             } catch (const POSIXFileError& error) {
-                child.failure = error;
+                child.failure = std::make_unique<POSIXFileError>(error);
             }
         }
         return listing;
