@@ -8,12 +8,6 @@
 
 namespace varnel {
 
-namespace {
-
-constexpr std::align_val_t kBlockAlignment{std::size_t{1} << 20};
-
-}  // namespace
-
 EntryStore::~EntryStore() {
     for (std::size_t i = 0; i < size_; ++i) {
         entriesOf(blocks_[i / kPerBlock])[i % kPerBlock].~FileSystemEntry();
@@ -22,7 +16,6 @@ EntryStore::~EntryStore() {
 }
 
 const FileSystemEntry& EntryStore::add(FileSystemEntry entry) {
-    static_assert(static_cast<std::size_t>(kBlockAlignment) == kBlockBytes);
     if (size_ == blocks_.size() * kPerBlock) {
         blocks_.reserve(blocks_.size() + 1);  // so that push_back cannot throw with the block unowned
         auto* block = static_cast<std::byte*>(::operator new(kBlockBytes, kBlockAlignment));

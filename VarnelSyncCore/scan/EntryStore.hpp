@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstddef>
 #include <memory>
+#include <new>
 #include <vector>
 
 namespace varnel {
@@ -48,6 +49,7 @@ private:
     friend class SharedEntry;
 
     static constexpr std::size_t kBlockBytes = std::size_t{1} << 20;
+    static constexpr std::align_val_t kBlockAlignment{kBlockBytes};
     // Each block starts with the store it belongs to; its entries follow.
     static constexpr std::size_t kHeaderBytes = alignof(FileSystemEntry) > sizeof(EntryStore*)
                                                     ? alignof(FileSystemEntry)

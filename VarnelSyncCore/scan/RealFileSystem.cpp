@@ -26,7 +26,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <type_traits>
 #include <variant>
 
 namespace varnel {
@@ -180,24 +179,19 @@ ErrnoOr<DirPointer> streamOf(UniqueFd fd) {
     return DirPointer(dir);
 }
 
-template <typename Names>
-ErrnoOr<Names> readNames(DIR* dir) {
-    Names names;
+ErrnoOr<DirectoryNames> readNames(DIR* dir) {
+    DirectoryNames names;
     ::rewinddir(dir);
     while (true) {
         errno = 0;
         const dirent* item = ::readdir(dir);
         if (item == nullptr) {
-            if (errno != 0) return ErrnoOr<Names>::failure(errno);
+            if (errno != 0) return ErrnoOr<DirectoryNames>::failure(errno);
             return names;
         }
         const std::string_view name = item->d_name;
         if (name == "." || name == "..") continue;
-        if constexpr (std::is_same_v<Names, DirectoryNames>) {
-            names.add(name);
-        } else {
-            names.emplace_back(name);
-        }
+        names.add(name);
     }
 }
 
@@ -209,7 +203,7 @@ public:
     const RelativePath& path() const override { return path_; }
 
     DirectoryNames names() override {
-        auto names = readNames<DirectoryNames>(dir_.get());
+        auto names = readNames(dir_.get());
         if (!names.ok()) fail(names.error(), "readdir", root_, path_);
         return std::move(names.value());
     }
@@ -401,9 +395,9 @@ std::vector<std::string> RealFileSystem::listDirectory(const EndpointRoot& root,
     if (!fd.ok()) fail(fd.error(), "opendir", root, path);
     auto dir = streamOf(std::move(fd.value()));
     if (!dir.ok()) fail(dir.error(), "opendir", root, path);
-    auto names = readNames<std::vector<std::string>>(dir.value().get());
+    auto names = readNames(dir.value().get());
     if (!names.ok()) fail(names.error(), "readdir", root, path);
-    return std::move(names.value());
+    return {names.value().begin(), names.value().end()};
 }
 
 std::unique_ptr<OpenDirectory> RealFileSystem::openDirectory(const EndpointRoot& root, const RelativePath& path) {
