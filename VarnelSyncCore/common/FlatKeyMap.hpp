@@ -64,6 +64,13 @@ public:
     Value* find(std::string_view key) { return find(HashedKey(key)); }
     const Value* find(std::string_view key) const { return find(HashedKey(key)); }
 
+    // Points the stored key equal to `key` at `key`'s own text, so that the text the key
+    // was stored with may go. Does nothing when the key is absent.
+    void rekey(const HashedKey& key) {
+        Bucket& bucket = buckets_[indexFor(key.text, key.hash)];
+        if (!bucket.isEmpty()) bucket.key = key.text.data();
+    }
+
     std::size_t size() const { return size_; }
 
 private:

@@ -1,43 +1,66 @@
 #include "model/PathArena.hpp"
 
-#include <cstdlib>
+#include <sys/mman.h>
+
 #include <new>
+#include <utility>
 
 namespace varnel {
 
-PathArena::~PathArena() {
-    for (char* chunk : chunks_) std::free(chunk);
+namespace {
+
+// Chunks come straight from the system, not from malloc: a freed chunk must give its
+// pages back at once, where malloc may keep a block of this size for itself.
+void* mapChunk(std::size_t size) {
+    void* memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) throw std::bad_alloc();
+    return memory;
 }
+
+}  // namespace
 
 void* PathArena::allocate(std::size_t bytes, std::uint32_t& offsetToChunk) {
     bytes = (bytes + 3) & ~std::size_t{3};
     if (bytes > kChunkSize - sizeof(ChunkHeader)) return nullptr;
     if (kChunkSize - used_ < bytes) {
-        chunks_.reserve(chunks_.size() + 1);  // so that keeping the new chunk cannot throw
-        auto* chunk = static_cast<char*>(std::malloc(kChunkSize));
-        if (!chunk) throw std::bad_alloc();
-        new (chunk) ChunkHeader{this};
-        chunks_.push_back(chunk);
+        auto* fresh = new (mapChunk(kChunkSize)) ChunkHeader{this, {1}};
+        references_.fetch_add(1, std::memory_order_relaxed);
+        chunks_.fetch_add(1, std::memory_order_relaxed);
+        if (current_) releaseChunk(*current_);
+        current_ = fresh;
         used_ = sizeof(ChunkHeader);
     }
     offsetToChunk = static_cast<std::uint32_t>(used_);
-    void* room = chunks_.back() + used_;
+    void* room = reinterpret_cast<char*>(current_) + used_;
     used_ += bytes;
-    references_.fetch_add(1, std::memory_order_relaxed);
+    current_->references.fetch_add(1, std::memory_order_relaxed);
     return room;
 }
 
-PathArena& PathArena::ownerOf(const void* text, std::uint32_t offsetToChunk) {
-    const char* chunk = static_cast<const char*>(text) - offsetToChunk;
-    return *reinterpret_cast<const ChunkHeader*>(chunk)->owner;
+void PathArena::close() {
+    if (current_) releaseChunk(*std::exchange(current_, nullptr));
+    release();
+}
+
+PathArena::ChunkHeader& PathArena::chunkOf(const void* text, std::uint32_t offsetToChunk) {
+    return *reinterpret_cast<ChunkHeader*>(const_cast<char*>(static_cast<const char*>(text)) - offsetToChunk);
+}
+
+void PathArena::releaseChunk(ChunkHeader& chunk) {
+    if (chunk.references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    PathArena* owner = chunk.owner;
+    chunk.~ChunkHeader();
+    ::munmap(&chunk, kChunkSize);
+    owner->chunks_.fetch_sub(1, std::memory_order_release);
+    owner->release();
 }
 
 void PathArena::retain(const void* text, std::uint32_t offsetToChunk) {
-    ownerOf(text, offsetToChunk).references_.fetch_add(1, std::memory_order_relaxed);
+    chunkOf(text, offsetToChunk).references.fetch_add(1, std::memory_order_relaxed);
 }
 
 void PathArena::release(const void* text, std::uint32_t offsetToChunk) {
-    ownerOf(text, offsetToChunk).release();
+    releaseChunk(chunkOf(text, offsetToChunk));
 }
 
 }  // namespace varnel

@@ -3,20 +3,19 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 namespace varnel {
 
 // Where a scan keeps the text of the paths it makes (RelativePath::appending): large
 // chunks filled one path after the other, instead of a heap block per path with its
-// header and rounding, and given back all at once. A scan makes hundreds of thousands
-// of paths; this saves about 16 bytes of each and most of the cost of making and
-// freeing them.
+// header and rounding. A scan makes hundreds of thousands of paths; this saves about 16
+// bytes of each and most of the cost of making and freeing them.
 //
-// A path made here counts as a reference to the whole arena, so the arena lives until
-// its last path and its Handle are gone, as an action keeps its scan's entries alive.
-// Paths may be copied and released on any thread; only the handle's owner may make
-// new ones.
+// Each chunk counts the paths made in it and goes back to the system with its last one,
+// so a text that is replaced by an equal one kept elsewhere (as the planner does for the
+// destination's paths) frees its room. The arena itself lives until its Handle and its
+// last chunk are gone. Paths may be copied and released on any thread; only the handle's
+// owner may make new ones.
 class PathArena {
 public:
     // The owner's reference: makes the arena and releases it when it goes.
@@ -25,7 +24,7 @@ public:
         Handle() : arena_(new PathArena) {}
         Handle(const Handle&) = delete;
         Handle& operator=(const Handle&) = delete;
-        ~Handle() { arena_->release(); }
+        ~Handle() { arena_->close(); }
         PathArena* get() const { return arena_; }
 
     private:
@@ -42,22 +41,32 @@ public:
     static void retain(const void* text, std::uint32_t offsetToChunk);
     static void release(const void* text, std::uint32_t offsetToChunk);
 
+    // How many chunks have not gone back yet (the one being filled included).
+    std::size_t chunksHeld() const { return chunks_.load(std::memory_order_acquire); }
+
 private:
     static constexpr std::size_t kChunkSize = std::size_t{1} << 20;
     struct ChunkHeader {
         PathArena* owner;
+        // The paths made in the chunk, and one more while it is the one being filled.
+        std::atomic<std::size_t> references;
     };
 
     PathArena() = default;
-    ~PathArena();
-    static PathArena& ownerOf(const void* text, std::uint32_t offsetToChunk);
+    ~PathArena() = default;
+    static ChunkHeader& chunkOf(const void* text, std::uint32_t offsetToChunk);
+    static void releaseChunk(ChunkHeader& chunk);
+    // The handle is gone: no path will be made in the current chunk any more.
+    void close();
     void release() {
         if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
     }
 
+    // The handle's, and one for each chunk held.
     std::atomic<std::size_t> references_{1};
-    std::vector<char*> chunks_;
-    std::size_t used_ = kChunkSize;  // in the newest chunk; full until the first one exists
+    std::atomic<std::size_t> chunks_{0};
+    ChunkHeader* current_ = nullptr;  // the chunk being filled
+    std::size_t used_ = kChunkSize;   // of it; full until the first one exists
 };
 
 }  // namespace varnel

@@ -14,6 +14,7 @@
 #include <limits>
 #include <stdexcept>
 #include <unordered_set>
+#include <utility>
 
 namespace varnel {
 
@@ -145,13 +146,14 @@ public:
                 continue;
             }
             slot.firstSource = index;
+            if (slot.destination != KeySlot::kNone) shareDestinationPathText(slot.destination, entry, hashed);
             planSourceEntry(entry, key, slot);
         }
     }
 
     void planExcludedAndUnreadable() {
         KeySet listed;
-        for (const auto* scan : {&input_.source, &input_.destination}) {
+        for (const ScanResult* scan : {&input_.source, &std::as_const(input_.destination)}) {
             for (const auto& item : scan->excluded) {
                 const std::string_view key = keys_.of(item.path);
                 excludedKeys_.insert(key);
@@ -222,6 +224,16 @@ private:
     }
     bool isMatched(const KeySlot& slot) const {
         return slot.destination != KeySlot::kNone && matched_[slot.destination];
+    }
+
+    // A matched destination item nearly always has the source item's very path. It takes
+    // the source's text, and the destination scan's copy goes while the plan grows, rather
+    // than both being held to the end.
+    void shareDestinationPathText(std::uint32_t destination, const FileSystemEntry& source,
+                                  const KeyIndex::HashedKey& key) {
+        const std::optional<RelativePath> replaced = input_.destination.sharePathText(destination, source.relativePath);
+        // A case-sensitive key is a view of the replaced text, which goes when this returns.
+        if (replaced && input_.destinationCaseSensitive) slots_.rekey(key);
     }
 
     void planSourceCollision(const FileSystemEntry& entry, const RelativePath& earlier) {

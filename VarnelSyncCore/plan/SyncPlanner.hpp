@@ -42,7 +42,9 @@ public:
         std::string sourceRoot;
         std::string destinationRoot;
         const ScanResult& source;
-        const ScanResult& destination;
+        // Planning lets matched destination entries share the source's path text
+        // (ScanResult::sharePathText), so the destination scan's copies go early.
+        ScanResult& destination;
         std::optional<VolumeIdentity> sourceVolume{};
         std::optional<VolumeIdentity> destinationVolume{};
         bool isSameVolume = false;

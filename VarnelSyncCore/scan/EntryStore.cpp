@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <new>
+#include <string_view>
 #include <utility>
 
 namespace varnel {
@@ -31,6 +32,14 @@ const FileSystemEntry& EntryStore::add(FileSystemEntry entry) {
 SharedEntry EntryStore::share(const FileSystemEntry& stored) const {
     retain();
     return SharedEntry(&stored, SharedEntry::kInStore);
+}
+
+std::optional<RelativePath> EntryStore::sharePathText(std::size_t index, const RelativePath& candidate) {
+    RelativePath& path = entriesOf(blocks_[index / kPerBlock])[index % kPerBlock].relativePath;
+    const std::string_view own = path.value();
+    const std::string_view other = candidate.value();
+    if (own.data() == other.data() || own != other) return std::nullopt;
+    return std::exchange(path, candidate);
 }
 
 const EntryStore& EntryStore::holding(const FileSystemEntry* entry) {

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <memory>
 #include <new>
+#include <optional>
 #include <vector>
 
 namespace varnel {
@@ -44,6 +45,12 @@ public:
 
     // A handle that keeps `stored`, one of this store's entries, alive without copying it.
     SharedEntry share(const FileSystemEntry& stored) const;
+
+    // When entry `index`'s path holds the very bytes of `candidate` in a text of its own,
+    // the entry names its path with `candidate`'s text instead, and returns the path it
+    // held, whose text goes with it unless it is copied elsewhere. No value changes; still,
+    // no other thread may read the store meanwhile.
+    std::optional<RelativePath> sharePathText(std::size_t index, const RelativePath& candidate);
 
 private:
     friend class SharedEntry;

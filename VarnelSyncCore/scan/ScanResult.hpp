@@ -57,6 +57,10 @@ public:
     // `stored`, which must be one of this result's entries, as a handle that keeps it
     // alive without copying it.
     SharedEntry share(const FileSystemEntry& stored) const { return entries_->share(stored); }
+    // See EntryStore::sharePathText.
+    std::optional<RelativePath> sharePathText(std::size_t index, const RelativePath& candidate) {
+        return entries_->sharePathText(index, candidate);
+    }
 
     std::vector<ExcludedItem> excluded;
     std::vector<SyncWarning> warnings;

@@ -104,7 +104,7 @@ SyncCoordinator::AnalysisOutcome SyncCoordinator::analyze(const SyncProfile& pro
     const EndpointRoot destinationRoot = c_.fileSystem->openRoot(endpoints.canonicalDestinationURL);
     outcome.sourceDeviceID = c_.fileSystem->entry(sourceRoot, RelativePath()).deviceID;
     outcome.destinationDeviceID = c_.fileSystem->entry(destinationRoot, RelativePath()).deviceID;
-    const EndpointPairScan scans = EndpointPairScan::run(
+    EndpointPairScan scans = EndpointPairScan::run(
         scanner, {sourceRoot, endpoints.sourceVolume.identity.isCaseSensitive},
         {destinationRoot, endpoints.destinationVolume.identity.isCaseSensitive},
         [&](EndpointRole role, const std::optional<ScanProgress>& p) {
@@ -112,7 +112,7 @@ SyncCoordinator::AnalysisOutcome SyncCoordinator::analyze(const SyncProfile& pro
         },
         stop);
     const ScanResult& sourceScan = scans.source;
-    const ScanResult& destinationScan = scans.destination;
+    ScanResult& destinationScan = scans.destination;
 
     outcome.analyzedAt = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
     std::vector<SyncWarning> preflight = endpoints.warnings;

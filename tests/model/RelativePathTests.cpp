@@ -144,5 +144,28 @@ TEST(RelativePathTest, PathsKeptInAnArenaBehaveLikeAnyOtherAndOutliveItsHandle) 
     EXPECT_EQ(survivor.parent(), *RelativePath::fromString("photos"));
 }
 
+// Each chunk goes back with the last path made in it, so texts that are replaced free
+// their room while the scan's other paths live on; the chunk being filled stays.
+TEST(RelativePathTest, AnArenaChunkGoesBackWithItsLastPath) {
+    PathArena::Handle arena;
+    std::vector<RelativePath> early;
+    std::vector<RelativePath> late;
+    const std::string name(200, 'x');
+    for (int i = 0; i < 12'000; ++i) {  // about 2.5 MB of text
+        (i < 6'000 ? early : late).push_back(*RelativePath().appending(name + std::to_string(i), arena.get()));
+    }
+    const std::size_t filled = arena.get()->chunksHeld();
+    ASSERT_GE(filled, 3U);
+
+    const RelativePath kept = early.back();  // in the second chunk, beside late paths
+    early.clear();
+    EXPECT_EQ(arena.get()->chunksHeld(), filled - 1) << "the first chunk held early paths only";
+    EXPECT_EQ(kept.value(), name + "5999");
+    EXPECT_EQ(late.front().value(), name + "6000");
+
+    late.clear();
+    EXPECT_EQ(arena.get()->chunksHeld(), 2U) << "the kept path's chunk and the one being filled";
+}
+
 }  // namespace
 }  // namespace varnel

@@ -53,7 +53,7 @@ SyncPlan analyze(FileSystemProviding& fs, const std::string& source, const std::
                  const Options& options = {}, std::stop_token stop = {}) {
     const SyncScanner scanner(fs, ExclusionEngine(options.rules, HiddenFilePolicy::include));
     const ScanResult sourceScan = scanner.scan(fs.openRoot(source), EndpointRole::source, true);
-    const ScanResult destinationScan =
+    ScanResult destinationScan =
         scanner.scan(fs.openRoot(destination), EndpointRole::destination, options.destinationCaseSensitive);
     SyncPlanner::Input input{.profileID = Uuid::random(),
                              .mode = options.mode,
@@ -154,6 +154,58 @@ TEST_F(RealPairTest, TypeChangeIsAnErrorInUpdateAndArchiveThenCreateInMirror) {
     EXPECT_TRUE(mirror.actions[0].reason.is<SyncActionReason::TypeChanged>());
     EXPECT_TRUE(mirror.actions[2].reason.is<SyncActionReason::TypeChanged>());
     EXPECT_EQ(mirror.summary.errorCount, 0);
+}
+
+// Planning hands each matched destination entry the source's text of the same path, so
+// that the destination scan's copies go. Here every destination path is matched, so the
+// destination's texts are all given back before the mirror pass looks each item up again:
+// a look-up still reading a replaced text would touch returned memory.
+TEST_F(RealPairTest, MatchedDestinationEntriesShareTheSourcePathText) {
+    for (const char* side : {"src", "dst"}) {
+        for (int i = 0; i < 300; ++i) {
+            write(std::string(side) + "/folder-" + std::to_string(i % 7) + "/file-" + std::to_string(i), "same");
+        }
+    }
+    const auto scanAndPlan = [&](ScanResult& sourceScan, ScanResult& destinationScan) {
+        const SyncScanner scanner(fs, ExclusionEngine({}, HiddenFilePolicy::include));
+        sourceScan = scanner.scan(fs.openRoot(source()), EndpointRole::source, true);
+        destinationScan = scanner.scan(fs.openRoot(destination()), EndpointRole::destination, true);
+        const SyncPlanner::Input input{.profileID = Uuid::random(),
+                                       .mode = SyncMode::mirror,
+                                       .sourceRoot = source(),
+                                       .destinationRoot = destination(),
+                                       .source = sourceScan,
+                                       .destination = destinationScan,
+                                       .destinationFreeBytes = 1'000'000'000};
+        return SyncPlanner(FileComparator(FileComparator::kHighPrecisionToleranceNanoseconds)).plan(input);
+    };
+    const auto textOf = [](const ScanResult& scan, std::string_view path) {
+        for (const auto& entry : scan.orderedEntries()) {
+            if (entry.relativePath.value() == path) return entry.relativePath.value().data();
+        }
+        ADD_FAILURE() << path << " was not scanned";
+        return static_cast<const char*>(nullptr);
+    };
+
+    ScanResult sourceScan;
+    ScanResult destinationScan;
+    const SyncPlan identical = scanAndPlan(sourceScan, destinationScan);
+    EXPECT_EQ(identical.summary.filesUnchanged, 300);
+    EXPECT_EQ(identical.summary.itemsToArchive, 0);
+    ASSERT_EQ(destinationScan.size(), 307U);
+    for (const auto& entry : destinationScan.orderedEntries()) {
+        EXPECT_EQ(entry.relativePath.value().data(), textOf(sourceScan, entry.relativePath.value()))
+            << entry.relativePath.value();
+    }
+
+    // Equal paths spelled differently keep their own text, and still match.
+    write("src/Cafe\u0301.txt", "same");
+    write("dst/Caf\u00e9.txt", "same");
+    const SyncPlan spelled = scanAndPlan(sourceScan, destinationScan);
+    EXPECT_EQ(spelled.summary.filesUnchanged, 301);
+    EXPECT_EQ(spelled.summary.itemsToArchive, 0);
+    EXPECT_NE(textOf(destinationScan, "Caf\u00e9.txt"), nullptr);
+    EXPECT_EQ(textOf(destinationScan, "folder-3/file-3"), textOf(sourceScan, "folder-3/file-3"));
 }
 
 TEST_F(RealPairTest, DestinationNewerIsReplacedWithAWarning) {

@@ -33,7 +33,7 @@ protected:
         fs::create_directories(destination());
         const SyncScanner scanner(*fileSystem, ExclusionEngine({}, HiddenFilePolicy::include));
         const auto sourceScan = scanner.scan(fileSystem->openRoot(source()), EndpointRole::source, true);
-        const auto destinationScan = scanner.scan(fileSystem->openRoot(destination()), EndpointRole::destination, true);
+        auto destinationScan = scanner.scan(fileSystem->openRoot(destination()), EndpointRole::destination, true);
         SyncPlanner::Input input{.profileID = profileID,
                                  .mode = mode,
                                  .sourceRoot = source().string(),
