@@ -1,6 +1,7 @@
 // JSON coding of the plan and its parts. Keys are the field names; optionals are
 // written only when present.
 #include "common/DecodingError.hpp"
+#include "model/JSONFields.hpp"
 #include "plan/PlanNote.hpp"
 #include "plan/SyncAction.hpp"
 #include "plan/SyncPlan.hpp"
@@ -18,6 +19,9 @@ namespace varnel {
 namespace {
 
 using Json = nlohmann::json;
+using json_fields::asInt64;
+using json_fields::asInteger;
+using json_fields::require;
 
 // std::optional and the compact optionals of FileSystemEntry.
 template <typename Optional>
@@ -194,13 +198,13 @@ void to_json(Json& json, const FileSystemEntry& entry) {
                 {"size", entry.size},
                 {"allocatedBlocks", entry.allocatedBlocks},
                 {"modificationTime", entry.modificationTime},
-                {"posixPermissions", entry.posixPermissions},
+                {"posixPermissions", std::uint16_t{entry.posixPermissions}},
                 {"ownerUID", entry.ownerUID},
                 {"ownerGID", entry.ownerGID},
                 {"deviceID", entry.deviceID},
                 {"inode", entry.inode},
                 {"hardLinkCount", entry.hardLinkCount},
-                {"isDataless", entry.isDataless}};
+                {"isDataless", bool{entry.isDataless}}};
     putOptional(json, "creationTime", entry.creationTime);
     putOptional(json, "changeTime", entry.changeTime);
     putOptional(json, "symlinkTarget", entry.symlinkTarget);
@@ -213,23 +217,26 @@ void from_json(const Json& json, FileSystemEntry& entry) {
     const auto kind = parseEntryKind(kindText);
     if (!kind) throw DecodingError("Unknown item kind: " + kindText);
     entry.kind = *kind;
-    entry.size = json.at("size").get<std::int64_t>();
-    entry.allocatedBlocks = json.at("allocatedBlocks").get<std::int64_t>();
+    entry.size = asInteger<std::int64_t>(require(json, "size"), "size");
+    entry.allocatedBlocks = asInteger<std::int64_t>(require(json, "allocatedBlocks"), "allocatedBlocks");
     entry.modificationTime = json.at("modificationTime").get<FileTimestamp>();
     entry.creationTime = getOptional<FileTimestamp>(json, "creationTime");
     entry.changeTime = getOptional<FileTimestamp>(json, "changeTime");
-    entry.posixPermissions = json.at("posixPermissions").get<std::uint16_t>();
-    entry.ownerUID = json.at("ownerUID").get<std::uint32_t>();
-    entry.ownerGID = json.at("ownerGID").get<std::uint32_t>();
+    entry.posixPermissions = static_cast<std::uint16_t>(asInt64(require(json, "posixPermissions"), "posixPermissions", 0, 07777));
+    entry.ownerUID = asInteger<std::uint32_t>(require(json, "ownerUID"), "ownerUID");
+    entry.ownerGID = asInteger<std::uint32_t>(require(json, "ownerGID"), "ownerGID");
     entry.symlinkTarget = getOptional<std::string>(json, "symlinkTarget");
     entry.unsupportedReason.reset();
     if (const auto raw = getOptional<std::string>(json, "unsupportedReason")) {
         entry.unsupportedReason = parseUnsupportedReason(*raw);
         if (!entry.unsupportedReason) throw DecodingError("Unknown unsupported reason: " + *raw);
     }
-    entry.deviceID = json.at("deviceID").get<std::uint64_t>();
-    entry.inode = json.at("inode").get<std::uint64_t>();
-    entry.hardLinkCount = json.at("hardLinkCount").get<std::uint32_t>();
+    entry.deviceID = asInteger<std::uint32_t>(require(json, "deviceID"), "deviceID");
+    // The one field whose values go beyond a signed 64-bit number.
+    const Json& inode = require(json, "inode");
+    if (!inode.is_number_unsigned()) throw DecodingError("“inode”: expected a whole number that is not negative.");
+    entry.inode = inode.get<std::uint64_t>();
+    entry.hardLinkCount = asInteger<std::uint32_t>(require(json, "hardLinkCount"), "hardLinkCount");
     entry.isDataless = json.at("isDataless").get<bool>();
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/CompactOptional.hpp"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,6 +13,7 @@ enum class EntryKind : std::uint8_t { directory, regularFile, symbolicLink, unsu
 
 // Why an item is of kind `unsupported`.
 enum class UnsupportedReason : std::uint8_t { fifo, socket, blockDevice, characterDevice, whiteout, unknownType };
+using OptionalUnsupportedReason = CompactOptional<UnsupportedReason, static_cast<UnsupportedReason>(0xFF)>;
 
 std::string_view toString(EntryKind kind);
 std::optional<EntryKind> parseEntryKind(std::string_view raw);

@@ -4,7 +4,7 @@
 
 namespace varnel {
 
-EntryKind entryKindFromMode(std::uint32_t mode, std::optional<UnsupportedReason>& reason) {
+EntryKind entryKindFromMode(std::uint32_t mode, OptionalUnsupportedReason& reason) {
     reason.reset();
     switch (mode & S_IFMT) {
         case S_IFDIR: return EntryKind::directory;

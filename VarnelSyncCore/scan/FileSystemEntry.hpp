@@ -14,14 +14,16 @@ namespace varnel {
 // One item as seen by a single statx that never follows a final symbolic link, so the
 // fields are consistent with each other.
 struct FileSystemEntry {
-    // Eight-byte members first, then the times (4-byte aligned) and the narrow ones, so
-    // that a scan's hundreds of thousands of entries carry no padding.
+    // Eight-byte members first, then the 4-byte aligned ones and the narrow ones, so that
+    // a scan's hundreds of thousands of entries carry no padding: 96 bytes each.
     RelativePath relativePath;
     std::int64_t size = 0;             // logical size of regular files; 0 for every other kind
     std::int64_t allocatedBlocks = 0;  // 512-byte units
     BoxedOptional<std::string> symlinkTarget;  // links only; absent when readlink failed
-    std::uint64_t deviceID = 0;  // st_dev (Linux device numbers need more than 32 bits)
     std::uint64_t inode = 0;
+    // st_dev. The kernel keeps device numbers in 32 bits (a 12-bit major and a 20-bit
+    // minor on Linux, whose makedev encoding fits 32 bits too; macOS's dev_t is 32 bits).
+    std::uint32_t deviceID = 0;
     FileTimestamp modificationTime;
     OptionalTimestamp creationTime;  // absent where the file system keeps no birth time
     // st_ctime: moved by every change to the data or the metadata, and, unlike the
@@ -30,10 +32,11 @@ struct FileSystemEntry {
     std::uint32_t ownerUID = 0;
     std::uint32_t ownerGID = 0;
     std::uint32_t hardLinkCount = 1;
-    std::uint16_t posixPermissions = 0;  // mode & 07777
+    std::uint16_t posixPermissions : 12 = 0;  // mode & 07777
+    // Contents live only in the cloud; never set by the Linux file system.
+    bool isDataless : 1 = false;
     EntryKind kind = EntryKind::regularFile;
-    std::optional<UnsupportedReason> unsupportedReason;  // set exactly when kind is unsupported
-    bool isDataless = false;  // contents live only in the cloud; never set by the Linux file system
+    OptionalUnsupportedReason unsupportedReason;  // set exactly when kind is unsupported
 
     bool isDirectory() const { return kind == EntryKind::directory; }
     bool isRegularFile() const { return kind == EntryKind::regularFile; }
@@ -42,8 +45,9 @@ struct FileSystemEntry {
 
     friend bool operator==(const FileSystemEntry&, const FileSystemEntry&) = default;
 };
+static_assert(sizeof(void*) != 8 || sizeof(FileSystemEntry) == 96);
 
 // Maps st_mode's type bits to a kind and, for special files, the reason.
-EntryKind entryKindFromMode(std::uint32_t mode, std::optional<UnsupportedReason>& reason);
+EntryKind entryKindFromMode(std::uint32_t mode, OptionalUnsupportedReason& reason);
 
 }  // namespace varnel

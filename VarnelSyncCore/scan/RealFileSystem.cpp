@@ -124,7 +124,7 @@ FileSystemEntry entryFromStatx(const struct statx& item, RelativePath path) {
     entry.posixPermissions = static_cast<std::uint16_t>(item.stx_mode & 07777);
     entry.ownerUID = item.stx_uid;
     entry.ownerGID = item.stx_gid;
-    entry.deviceID = makedev(item.stx_dev_major, item.stx_dev_minor);
+    entry.deviceID = static_cast<std::uint32_t>(makedev(item.stx_dev_major, item.stx_dev_minor));
     entry.inode = item.stx_ino;
     entry.hardLinkCount = item.stx_nlink;
     entry.isDataless = false;  // Linux has no online-only files
@@ -144,7 +144,7 @@ FileSystemEntry entryFromStat(const struct stat& item, RelativePath path) {
     entry.posixPermissions = static_cast<std::uint16_t>(item.st_mode & 07777);
     entry.ownerUID = item.st_uid;
     entry.ownerGID = item.st_gid;
-    entry.deviceID = item.st_dev;
+    entry.deviceID = static_cast<std::uint32_t>(item.st_dev);
     entry.inode = item.st_ino;
     entry.hardLinkCount = static_cast<std::uint32_t>(item.st_nlink);
     entry.isDataless = false;

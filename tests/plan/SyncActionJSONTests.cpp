@@ -29,7 +29,7 @@ TEST(SyncActionJSONTest, CompactTextIsWhatTheDocumentWriterGives) {
     full.creationTime = FileTimestamp{1'700'000'000, 0};
     full.changeTime = FileTimestamp{1'700'000'001, 5};
     full.symlinkTarget = "../target\n\x01";
-    full.deviceID = std::numeric_limits<std::uint64_t>::max();
+    full.deviceID = std::numeric_limits<std::uint32_t>::max();
     full.inode = 1234567890123ULL;
     full.ownerUID = 4'000'000'000U;
     full.ownerGID = 0;
@@ -78,6 +78,16 @@ TEST(SyncActionJSONTest, CompactTextIsWhatTheDocumentWriterGives) {
     nlohmann::json badTime = full;
     badTime["changeTime"]["nanoseconds"] = -1;
     EXPECT_THROW((void)badTime.get<FileSystemEntry>(), DecodingError);
+
+    // A damaged number is refused, never rounded or cut to fit the entry.
+    const std::vector<std::pair<const char*, nlohmann::json>> damaged = {
+        {"posixPermissions", 010000}, {"deviceID", std::uint64_t{1} << 32}, {"size", 1.5},
+        {"inode", -1},                {"ownerUID", "0"},                    {"hardLinkCount", -2}};
+    for (const auto& [key, value] : damaged) {
+        nlohmann::json document = full;
+        document[key] = value;
+        EXPECT_THROW((void)document.get<FileSystemEntry>(), DecodingError) << key << " = " << value;
+    }
 }
 
 }  // namespace
