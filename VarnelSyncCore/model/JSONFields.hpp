@@ -13,6 +13,7 @@
 #include <limits>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace varnel::json_fields {
 
@@ -26,9 +27,18 @@ const nlohmann::json& require(const nlohmann::json& object, const char* key);
 
 std::int64_t asInt64(const nlohmann::json& value, const char* key, std::int64_t minimum, std::int64_t maximum);
 
+// A whole number that T holds; unsigned 64-bit fields stop at the signed maximum.
 template <std::integral T>
 T asInteger(const nlohmann::json& value, const char* key) {
-    return static_cast<T>(asInt64(value, key, std::numeric_limits<T>::min(), std::numeric_limits<T>::max()));
+    constexpr std::int64_t kMaximum = std::cmp_less(std::numeric_limits<std::int64_t>::max(), std::numeric_limits<T>::max())
+                                          ? std::numeric_limits<std::int64_t>::max()
+                                          : static_cast<std::int64_t>(std::numeric_limits<T>::max());
+    return static_cast<T>(asInt64(value, key, std::numeric_limits<T>::min(), kMaximum));
+}
+// The same, under `key` of `object`, which must be there.
+template <std::integral T>
+T integerAt(const nlohmann::json& object, const char* key) {
+    return asInteger<T>(require(object, key), key);
 }
 
 double asDouble(const nlohmann::json& value, const char* key);

@@ -4,6 +4,7 @@
 #include "common/DecodingError.hpp"
 #include "common/Localization.hpp"
 #include "common/Overloaded.hpp"
+#include "model/JSONFields.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -35,7 +36,9 @@ EntryKind kindFrom(const Json& json) {
 R::Case decodeCase(std::size_t index, const Json& p) {
     switch (index) {
         case 0: return R::NotPresentInDestination{};
-        case 1: return R::SizeDiffers{p.at("source").get<std::int64_t>(), p.at("destination").get<std::int64_t>()};
+        case 1:
+            return R::SizeDiffers{json_fields::integerAt<std::int64_t>(p, "source"),
+                                  json_fields::integerAt<std::int64_t>(p, "destination")};
         case 2: return R::SourceIsNewer{p.at("sourceTime").get<FileTimestamp>(), p.at("destinationTime").get<FileTimestamp>()};
         case 3:
             return R::TimestampsDifferAmbiguously{p.at("sourceTime").get<FileTimestamp>(),
@@ -61,7 +64,7 @@ R::Case decodeCase(std::size_t index, const Json& p) {
             return R::UnsupportedFileType{*reason};
         }
         case 12: return R::CaseCollision{p.at("otherPath").get<std::string>()};
-        case 13: return R::HardLinkNotPreserved{p.at("linkCount").get<std::uint64_t>()};
+        case 13: return R::HardLinkNotPreserved{json_fields::integerAt<std::uint64_t>(p, "linkCount")};
         case 14: return R::SparseFileMayExpand{};
         case 15: return R::SymlinkEscapesSourceTree{p.at("target").get<std::string>()};
         case 16: return R::PermissionDenied{p.at("detail").get<std::string>()};

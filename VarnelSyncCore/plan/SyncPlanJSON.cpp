@@ -21,6 +21,7 @@ namespace {
 using Json = nlohmann::json;
 using json_fields::asInt64;
 using json_fields::asInteger;
+using json_fields::integerAt;
 using json_fields::require;
 
 // std::optional and the compact optionals of FileSystemEntry.
@@ -178,7 +179,8 @@ void to_json(Json& json, const SyncPlanSummary& summary) {
 
 void from_json(const Json& json, SyncPlanSummary& summary) {
     forEachSummaryField(summary, [&](const char* key, std::int64_t& value) {
-        value = json.contains(key) ? json.at(key).get<std::int64_t>() : 0;
+        const Json* found = json_fields::find(json, key);
+        value = found ? asInteger<std::int64_t>(*found, key) : 0;
     });
 }
 
@@ -217,26 +219,26 @@ void from_json(const Json& json, FileSystemEntry& entry) {
     const auto kind = parseEntryKind(kindText);
     if (!kind) throw DecodingError("Unknown item kind: " + kindText);
     entry.kind = *kind;
-    entry.size = asInteger<std::int64_t>(require(json, "size"), "size");
-    entry.allocatedBlocks = asInteger<std::int64_t>(require(json, "allocatedBlocks"), "allocatedBlocks");
+    entry.size = integerAt<std::int64_t>(json, "size");
+    entry.allocatedBlocks = integerAt<std::int64_t>(json, "allocatedBlocks");
     entry.modificationTime = json.at("modificationTime").get<FileTimestamp>();
     entry.creationTime = getOptional<FileTimestamp>(json, "creationTime");
     entry.changeTime = getOptional<FileTimestamp>(json, "changeTime");
     entry.posixPermissions = static_cast<std::uint16_t>(asInt64(require(json, "posixPermissions"), "posixPermissions", 0, 07777));
-    entry.ownerUID = asInteger<std::uint32_t>(require(json, "ownerUID"), "ownerUID");
-    entry.ownerGID = asInteger<std::uint32_t>(require(json, "ownerGID"), "ownerGID");
+    entry.ownerUID = integerAt<std::uint32_t>(json, "ownerUID");
+    entry.ownerGID = integerAt<std::uint32_t>(json, "ownerGID");
     entry.symlinkTarget = getOptional<std::string>(json, "symlinkTarget");
     entry.unsupportedReason.reset();
     if (const auto raw = getOptional<std::string>(json, "unsupportedReason")) {
         entry.unsupportedReason = parseUnsupportedReason(*raw);
         if (!entry.unsupportedReason) throw DecodingError("Unknown unsupported reason: " + *raw);
     }
-    entry.deviceID = asInteger<std::uint32_t>(require(json, "deviceID"), "deviceID");
+    entry.deviceID = integerAt<std::uint32_t>(json, "deviceID");
     // The one field whose values go beyond a signed 64-bit number.
     const Json& inode = require(json, "inode");
     if (!inode.is_number_unsigned()) throw DecodingError("“inode”: expected a whole number that is not negative.");
     entry.inode = inode.get<std::uint64_t>();
-    entry.hardLinkCount = asInteger<std::uint32_t>(require(json, "hardLinkCount"), "hardLinkCount");
+    entry.hardLinkCount = integerAt<std::uint32_t>(json, "hardLinkCount");
     entry.isDataless = json.at("isDataless").get<bool>();
 }
 
@@ -262,7 +264,7 @@ void from_json(const Json& json, SyncAction& action) {
     };
     action.sourceEntry = entryAt("sourceEntry");
     action.destinationEntry = entryAt("destinationEntry");
-    action.expectedBytes = json.at("expectedBytes").get<std::int64_t>();
+    action.expectedBytes = integerAt<std::int64_t>(json, "expectedBytes");
 }
 
 void to_json(Json& json, const SyncPlan& plan) {
@@ -303,13 +305,17 @@ void from_json(const Json& json, SyncPlan& plan) {
     plan.sourceVolume = getOptional<VolumeIdentity>(json, "sourceVolume");
     plan.destinationVolume = getOptional<VolumeIdentity>(json, "destinationVolume");
     plan.isSameVolume = json.at("isSameVolume").get<bool>();
-    plan.destinationFreeBytes = json.at("destinationFreeBytes").get<std::int64_t>();
+    plan.destinationFreeBytes = integerAt<std::int64_t>(json, "destinationFreeBytes");
     plan.archiveRoot = getOptional<std::string>(json, "archiveRoot");
     plan.archiveIsOnDestinationVolume = json.at("archiveIsOnDestinationVolume").get<bool>();
     plan.sourceCloud = getOptional<CloudFolderInfo>(json, "sourceCloud");
     plan.destinationCloud = getOptional<CloudFolderInfo>(json, "destinationCloud");
     plan.stagingDirectory = getOptional<std::string>(json, "stagingDirectory");
-    plan.sourceFreeBytes = getOptional<std::int64_t>(json, "sourceFreeBytes");
+    if (const Json* free = json_fields::find(json, "sourceFreeBytes")) {
+        plan.sourceFreeBytes = asInteger<std::int64_t>(*free, "sourceFreeBytes");
+    } else {
+        plan.sourceFreeBytes.reset();
+    }
     plan.notes = json.contains("notes") ? json.at("notes").get<std::vector<PlanNote>>() : std::vector<PlanNote>{};
 }
 

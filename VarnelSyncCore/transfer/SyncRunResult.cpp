@@ -1,6 +1,7 @@
 #include "transfer/SyncRunResult.hpp"
 
 #include "common/DecodingError.hpp"
+#include "model/JSONFields.hpp"
 
 namespace varnel {
 
@@ -86,21 +87,23 @@ SyncRunResult runResultFromJSON(const nlohmann::json& json) {
     r.outcome = json.at("outcome").get<SyncRunOutcome>();
     r.startedAt = dateFrom(json, "startedAt");
     r.finishedAt = dateFrom(json, "finishedAt");
-    r.durationSeconds = json.at("durationSeconds").get<double>();
-    r.filesCopied = json.at("filesCopied").get<int>();
-    r.filesUpdated = json.at("filesUpdated").get<int>();
-    r.filesSkipped = json.at("filesSkipped").get<int>();
-    r.filesFailed = json.at("filesFailed").get<int>();
-    r.directoriesCreated = json.at("directoriesCreated").get<int>();
-    r.symlinksWritten = json.at("symlinksWritten").get<int>();
-    r.itemsArchived = json.at("itemsArchived").get<int>();
-    r.bytesTransferred = json.at("bytesTransferred").get<std::uint64_t>();
-    r.bytesArchived = json.at("bytesArchived").get<std::uint64_t>();
-    r.averageBytesPerSecond = json.at("averageBytesPerSecond").get<double>();
-    r.peakBytesPerSecond = json.at("peakBytesPerSecond").get<double>();
+    using json_fields::integerAt;
+    r.durationSeconds = json_fields::asDouble(json_fields::require(json, "durationSeconds"), "durationSeconds");
+    r.filesCopied = integerAt<int>(json, "filesCopied");
+    r.filesUpdated = integerAt<int>(json, "filesUpdated");
+    r.filesSkipped = integerAt<int>(json, "filesSkipped");
+    r.filesFailed = integerAt<int>(json, "filesFailed");
+    r.directoriesCreated = integerAt<int>(json, "directoriesCreated");
+    r.symlinksWritten = integerAt<int>(json, "symlinksWritten");
+    r.itemsArchived = integerAt<int>(json, "itemsArchived");
+    r.bytesTransferred = integerAt<std::uint64_t>(json, "bytesTransferred");
+    r.bytesArchived = integerAt<std::uint64_t>(json, "bytesArchived");
+    r.averageBytesPerSecond =
+        json_fields::asDouble(json_fields::require(json, "averageBytesPerSecond"), "averageBytesPerSecond");
+    r.peakBytesPerSecond = json_fields::asDouble(json_fields::require(json, "peakBytesPerSecond"), "peakBytesPerSecond");
     r.verification = json.at("verification").get<VerificationMode>();
-    r.filesVerified = json.at("filesVerified").get<int>();
-    r.verificationFailures = json.at("verificationFailures").get<int>();
+    r.filesVerified = integerAt<int>(json, "filesVerified");
+    r.verificationFailures = integerAt<int>(json, "verificationFailures");
     r.durability = json.at("durability").get<DurabilitySummary>();
     for (const auto& item : json.at("errors")) {
         RecordedError error;

@@ -1,8 +1,13 @@
 #include "transfer/RunAccumulator.hpp"
 
+#include "common/DecodingError.hpp"
+
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cerrno>
+#include <utility>
+#include <vector>
 
 namespace varnel {
 namespace {
@@ -68,6 +73,26 @@ TEST(RunAccumulatorTest, OutcomesWarningsAndDurability) {
     RunAccumulator stopped(DurabilityMode::fast);
     stopped.setFatalError(SyncError::Cancelled{});
     EXPECT_EQ(stopped.makeResult(facts()).outcome, SyncRunOutcome::cancelled);
+}
+
+// A stored result reads back as it was written; a damaged count is refused, never cut
+// to fit or rounded.
+TEST(RunAccumulatorTest, AStoredResultReadsBackAndADamagedCountIsRefused) {
+    RunAccumulator run(DurabilityMode::durable);
+    run.recordSuccess(copyOf("a/b"), 7, true, {}, 0);
+    run.recordFailure(copyOf("c"), SyncError::CopyFailed{*RelativePath::fromString("c"), EIO, "d"});
+    const SyncRunResult result = run.makeResult(facts());
+    const nlohmann::json stored = nlohmann::json::parse(toJSON(result).dump());
+    EXPECT_EQ(runResultFromJSON(stored), result);
+
+    const std::vector<std::pair<const char*, nlohmann::json>> damaged = {
+        {"filesCopied", 1.5}, {"filesFailed", std::int64_t{1} << 40}, {"bytesTransferred", -1},
+        {"durationSeconds", "2"}, {"verificationFailures", nullptr}};
+    for (const auto& [key, value] : damaged) {
+        nlohmann::json document = stored;
+        document[key] = value;
+        EXPECT_THROW((void)runResultFromJSON(document), DecodingError) << key << " = " << value;
+    }
 }
 
 }  // namespace
