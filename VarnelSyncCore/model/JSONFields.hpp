@@ -30,8 +30,9 @@ std::int64_t asInt64(const nlohmann::json& value, const char* key, std::int64_t 
 // A whole number that T holds; unsigned 64-bit fields stop at the signed maximum.
 template <std::integral T>
 T asInteger(const nlohmann::json& value, const char* key) {
-    constexpr std::int64_t kMaximum = std::cmp_less(std::numeric_limits<std::int64_t>::max(), std::numeric_limits<T>::max())
-                                          ? std::numeric_limits<std::int64_t>::max()
+    constexpr std::int64_t kLargest = std::numeric_limits<std::int64_t>::max();
+    constexpr std::int64_t kMaximum = std::cmp_less(kLargest, std::numeric_limits<T>::max())
+                                          ? kLargest
                                           : static_cast<std::int64_t>(std::numeric_limits<T>::max());
     return static_cast<T>(asInt64(value, key, std::numeric_limits<T>::min(), kMaximum));
 }
@@ -42,6 +43,7 @@ T integerAt(const nlohmann::json& object, const char* key) {
 }
 
 double asDouble(const nlohmann::json& value, const char* key);
+inline double doubleAt(const nlohmann::json& object, const char* key) { return asDouble(require(object, key), key); }
 bool asBool(const nlohmann::json& value, const char* key);
 std::string asString(const nlohmann::json& value, const char* key);
 // An ISO 8601 date string, in whole seconds (a fraction is dropped).

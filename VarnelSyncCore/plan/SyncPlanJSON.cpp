@@ -224,7 +224,8 @@ void from_json(const Json& json, FileSystemEntry& entry) {
     entry.modificationTime = json.at("modificationTime").get<FileTimestamp>();
     entry.creationTime = getOptional<FileTimestamp>(json, "creationTime");
     entry.changeTime = getOptional<FileTimestamp>(json, "changeTime");
-    entry.posixPermissions = static_cast<std::uint16_t>(asInt64(require(json, "posixPermissions"), "posixPermissions", 0, 07777));
+    entry.posixPermissions =
+        static_cast<std::uint16_t>(asInt64(require(json, "posixPermissions"), "posixPermissions", 0, 07777));
     entry.ownerUID = integerAt<std::uint32_t>(json, "ownerUID");
     entry.ownerGID = integerAt<std::uint32_t>(json, "ownerGID");
     entry.symlinkTarget = getOptional<std::string>(json, "symlinkTarget");

@@ -87,8 +87,9 @@ SyncRunResult runResultFromJSON(const nlohmann::json& json) {
     r.outcome = json.at("outcome").get<SyncRunOutcome>();
     r.startedAt = dateFrom(json, "startedAt");
     r.finishedAt = dateFrom(json, "finishedAt");
+    using json_fields::doubleAt;
     using json_fields::integerAt;
-    r.durationSeconds = json_fields::asDouble(json_fields::require(json, "durationSeconds"), "durationSeconds");
+    r.durationSeconds = doubleAt(json, "durationSeconds");
     r.filesCopied = integerAt<int>(json, "filesCopied");
     r.filesUpdated = integerAt<int>(json, "filesUpdated");
     r.filesSkipped = integerAt<int>(json, "filesSkipped");
@@ -98,9 +99,8 @@ SyncRunResult runResultFromJSON(const nlohmann::json& json) {
     r.itemsArchived = integerAt<int>(json, "itemsArchived");
     r.bytesTransferred = integerAt<std::uint64_t>(json, "bytesTransferred");
     r.bytesArchived = integerAt<std::uint64_t>(json, "bytesArchived");
-    r.averageBytesPerSecond =
-        json_fields::asDouble(json_fields::require(json, "averageBytesPerSecond"), "averageBytesPerSecond");
-    r.peakBytesPerSecond = json_fields::asDouble(json_fields::require(json, "peakBytesPerSecond"), "peakBytesPerSecond");
+    r.averageBytesPerSecond = doubleAt(json, "averageBytesPerSecond");
+    r.peakBytesPerSecond = doubleAt(json, "peakBytesPerSecond");
     r.verification = json.at("verification").get<VerificationMode>();
     r.filesVerified = integerAt<int>(json, "filesVerified");
     r.verificationFailures = integerAt<int>(json, "verificationFailures");
