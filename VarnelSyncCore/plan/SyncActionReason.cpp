@@ -76,16 +76,18 @@ R::Case decodeCase(std::size_t index, const Json& p) {
 }  // namespace
 
 SyncActionReason::SymlinkTargetChanged::SymlinkTargetChanged(std::string_view from, std::string_view to) {
-    targets_.reserve(from.size() + 1 + to.size());
-    targets_.append(from).append(1, '\0').append(to);
+    std::string targets;
+    targets.reserve(from.size() + 1 + to.size());
+    targets.append(from).append(1, '\0').append(to);
+    targets_ = std::move(targets);
 }
 
 std::string_view SyncActionReason::SymlinkTargetChanged::from() const {
-    return std::string_view(targets_).substr(0, targets_.find('\0'));
+    return targets_.view().substr(0, targets_.view().find('\0'));
 }
 
 std::string_view SyncActionReason::SymlinkTargetChanged::to() const {
-    return std::string_view(targets_).substr(targets_.find('\0') + 1);
+    return targets_.view().substr(targets_.view().find('\0') + 1);
 }
 
 std::string_view SyncActionReason::name() const {
@@ -108,11 +110,11 @@ std::string SyncActionReason::text() const {
             [](const IdenticalMetadata&) { return std::string(tr("Same size and modification time")); },
             [](const MissingParentDirectory&) { return std::string(tr("Parent folder does not exist")); },
             [](const NotPresentInSource&) { return std::string(tr("No longer in source")); },
-            [](const MatchedExclusionRule& c) { return trFormat("Excluded by rule: {}", c.description); },
+            [](const MatchedExclusionRule& c) { return trFormat("Excluded by rule: {}", c.description.view()); },
             [](const HiddenFileSkipped&) { return std::string(tr("Hidden file (skipped by profile setting)")); },
             [](const UnsupportedFileType& c) { return trFormat("Unsupported type: {}", phrase(c.reason)); },
             [](const CaseCollision& c) {
-                return trFormat("Name collides with “{}” on a case-insensitive volume", c.otherPath);
+                return trFormat("Name collides with “{}” on a case-insensitive volume", c.otherPath.view());
             },
             [](const HardLinkNotPreserved& c) {
                 return trFormat("Hard link ({} references) — copied as an independent file", c.linkCount);
@@ -121,10 +123,10 @@ std::string SyncActionReason::text() const {
                 return std::string(tr("Sparse file — allocation may expand on the destination"));
             },
             [](const SymlinkEscapesSourceTree& c) {
-                return trFormat("Link points outside the source folder ({})", c.target);
+                return trFormat("Link points outside the source folder ({})", c.target.view());
             },
-            [](const PermissionDenied& c) { return trFormat("Permission denied: {}", c.detail); },
-            [](const ScanFailure& c) { return trFormat("Could not read: {}", c.detail); },
+            [](const PermissionDenied& c) { return trFormat("Permission denied: {}", c.detail.view()); },
+            [](const ScanFailure& c) { return trFormat("Could not read: {}", c.detail.view()); },
             [](const OnlineOnlyInSource&) {
                 return std::string(tr("Online-only in the source; this profile skips such files"));
             },
@@ -144,13 +146,13 @@ void to_json(Json& json, const SyncActionReason& reason) {
             },
             [](const R::TypeChanged& c) { return Json{{"from", toString(c.from)}, {"to", toString(c.to)}}; },
             [](const R::SymlinkTargetChanged& c) { return Json{{"from", c.from()}, {"to", c.to()}}; },
-            [](const R::MatchedExclusionRule& c) { return Json{{"description", c.description}}; },
+            [](const R::MatchedExclusionRule& c) { return Json{{"description", c.description.str()}}; },
             [](const R::UnsupportedFileType& c) { return Json{{"_0", toString(c.reason)}}; },
-            [](const R::CaseCollision& c) { return Json{{"otherPath", c.otherPath}}; },
+            [](const R::CaseCollision& c) { return Json{{"otherPath", c.otherPath.str()}}; },
             [](const R::HardLinkNotPreserved& c) { return Json{{"linkCount", c.linkCount}}; },
-            [](const R::SymlinkEscapesSourceTree& c) { return Json{{"target", c.target}}; },
-            [](const R::PermissionDenied& c) { return Json{{"detail", c.detail}}; },
-            [](const R::ScanFailure& c) { return Json{{"detail", c.detail}}; },
+            [](const R::SymlinkEscapesSourceTree& c) { return Json{{"target", c.target.str()}}; },
+            [](const R::PermissionDenied& c) { return Json{{"detail", c.detail.str()}}; },
+            [](const R::ScanFailure& c) { return Json{{"detail", c.detail.str()}}; },
             [](const auto&) { return Json::object(); },
         },
         reason.value());

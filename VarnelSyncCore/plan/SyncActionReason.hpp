@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/BoxedString.hpp"
 #include "scan/EntryKind.hpp"
 #include "scan/FileTimestamp.hpp"
 
@@ -25,8 +26,8 @@ public:
     VARNEL_REASON(SourceIsNewer, FileTimestamp sourceTime; FileTimestamp destinationTime;);
     VARNEL_REASON(TimestampsDifferAmbiguously, FileTimestamp sourceTime; FileTimestamp destinationTime;);
     VARNEL_REASON(TypeChanged, EntryKind from; EntryKind to;);
-    // Both targets in one string, joined by a NUL that no link target holds: two strings
-    // here would make this rare case set the size of every reason, and so of every action.
+    // Both targets in one string, joined by a NUL that no link target holds. Rare texts
+    // are boxed: a string here would set the size of every reason, and so of every action.
     struct SymlinkTargetChanged {
         SymlinkTargetChanged(std::string_view from, std::string_view to);
         std::string_view from() const;
@@ -34,20 +35,20 @@ public:
         friend bool operator==(const SymlinkTargetChanged&, const SymlinkTargetChanged&) = default;
 
     private:
-        std::string targets_;
+        BoxedString targets_;
     };
     VARNEL_REASON(IdenticalMetadata, );
     VARNEL_REASON(MissingParentDirectory, );
     VARNEL_REASON(NotPresentInSource, );
-    VARNEL_REASON(MatchedExclusionRule, std::string description;);
+    VARNEL_REASON(MatchedExclusionRule, BoxedString description;);
     VARNEL_REASON(HiddenFileSkipped, );
     VARNEL_REASON(UnsupportedFileType, UnsupportedReason reason;);
-    VARNEL_REASON(CaseCollision, std::string otherPath;);
+    VARNEL_REASON(CaseCollision, BoxedString otherPath;);
     VARNEL_REASON(HardLinkNotPreserved, std::uint64_t linkCount;);
     VARNEL_REASON(SparseFileMayExpand, );
-    VARNEL_REASON(SymlinkEscapesSourceTree, std::string target;);
-    VARNEL_REASON(PermissionDenied, std::string detail;);
-    VARNEL_REASON(ScanFailure, std::string detail;);
+    VARNEL_REASON(SymlinkEscapesSourceTree, BoxedString target;);
+    VARNEL_REASON(PermissionDenied, BoxedString detail;);
+    VARNEL_REASON(ScanFailure, BoxedString detail;);
     VARNEL_REASON(OnlineOnlyInSource, );
 #undef VARNEL_REASON
 
