@@ -1,6 +1,8 @@
 #pragma once
 
-#include <memory>
+#include "common/BoxedOptional.hpp"
+
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -9,22 +11,14 @@ namespace varnel {
 
 // A string behind one pointer, for the rare text of a value that a plan holds once per
 // item (an action's reason): 8 bytes where std::string takes 32, and so where the
-// largest case would set the size of every reason. Copies copy the text.
+// largest case would set the size of every reason. The empty string takes no box.
 class BoxedString {
 public:
     BoxedString() = default;
     BoxedString(std::string value)  // NOLINT(google-explicit-constructor): stands in for a string
-        : value_(value.empty() ? nullptr : std::make_unique<std::string>(std::move(value))) {}
+        : value_(value.empty() ? BoxedOptional<std::string>() : BoxedOptional<std::string>(std::move(value))) {}
     BoxedString(std::string_view value) : BoxedString(std::string(value)) {}  // NOLINT(google-explicit-constructor)
     BoxedString(const char* value) : BoxedString(std::string(value)) {}       // NOLINT(google-explicit-constructor)
-    BoxedString(const BoxedString& other)
-        : value_(other.value_ ? std::make_unique<std::string>(*other.value_) : nullptr) {}
-    BoxedString(BoxedString&&) noexcept = default;
-    BoxedString& operator=(BoxedString other) noexcept {
-        value_ = std::move(other.value_);
-        return *this;
-    }
-    ~BoxedString() = default;
 
     std::string_view view() const { return value_ ? std::string_view(*value_) : std::string_view(); }
     std::string str() const { return std::string(view()); }
@@ -32,7 +26,7 @@ public:
     friend bool operator==(const BoxedString& a, const BoxedString& b) { return a.view() == b.view(); }
 
 private:
-    std::unique_ptr<std::string> value_;  // null for the empty string
+    BoxedOptional<std::string> value_;  // absent for the empty string
 };
 
 }  // namespace varnel

@@ -25,7 +25,6 @@ void* PathArena::allocate(std::size_t bytes, std::uint32_t& offsetToChunk) {
     if (kChunkSize - used_ < bytes) {
         auto* fresh = new (mapChunk(kChunkSize)) ChunkHeader{this, {1}};
         references_.fetch_add(1, std::memory_order_relaxed);
-        chunks_.fetch_add(1, std::memory_order_relaxed);
         if (current_) releaseChunk(*current_);
         current_ = fresh;
         used_ = sizeof(ChunkHeader);
@@ -51,7 +50,6 @@ void PathArena::releaseChunk(ChunkHeader& chunk) {
     PathArena* owner = chunk.owner;
     chunk.~ChunkHeader();
     ::munmap(&chunk, kChunkSize);
-    owner->chunks_.fetch_sub(1, std::memory_order_release);
     owner->release();
 }
 

@@ -41,8 +41,9 @@ public:
     static void retain(const void* text, std::uint32_t offsetToChunk);
     static void release(const void* text, std::uint32_t offsetToChunk);
 
-    // How many chunks have not gone back yet (the one being filled included).
-    std::size_t chunksHeld() const { return chunks_.load(std::memory_order_acquire); }
+    // How many chunks have not gone back yet (the one being filled included), while the
+    // handle lives: every reference but the handle's is a chunk's.
+    std::size_t chunksHeld() const { return references_.load(std::memory_order_acquire) - 1; }
 
 private:
     static constexpr std::size_t kChunkSize = std::size_t{1} << 20;
@@ -64,7 +65,6 @@ private:
 
     // The handle's, and one for each chunk held.
     std::atomic<std::size_t> references_{1};
-    std::atomic<std::size_t> chunks_{0};
     ChunkHeader* current_ = nullptr;  // the chunk being filled
     std::size_t used_ = kChunkSize;   // of it; full until the first one exists
 };
