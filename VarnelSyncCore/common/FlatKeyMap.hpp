@@ -11,114 +11,111 @@
 namespace varnel {
 
 // A map from text to small values in one flat array with linear probing, for look-ups
-// made once per scanned item: a look-up reads one bucket, and the key's text only to
-// confirm a hit, where a node-based map follows three pointers. A bucket is the key's
-// address and size, its hash and the value (24 bytes for two 32-bit indices), and the
-// array is sized to the expected count rather than to a power of two, since a plan holds
-// one bucket per item of the larger side. Keys are views, so their text must outlive the
-// map; nothing is ever erased. Keys are at most 4 GiB long.
-template <typename Value>
+// made once per scanned item: a look-up reads one bucket, and a key's text only to
+// confirm a hit, where a node-based map follows three pointers. The map stores no keys:
+// `KeyOf` reads a stored value's key from wherever the caller keeps it (a plan keeps
+// them in its scans), so a bucket is the key's hash and the value, 12 bytes for two
+// 32-bit indices. The array is sized to the expected count rather than to a power of
+// two, since a plan holds one bucket per item of the larger side. A key must stay
+// readable through KeyOf, with the same text, while the map holds it; nothing is ever
+// erased.
+template <typename Value, typename KeyOf>
 class FlatKeyMap {
 public:
-    explicit FlatKeyMap(std::size_t expectedSize = 0) : buckets_(capacityFor(expectedSize)) {}
+    explicit FlatKeyMap(KeyOf keyOf, std::size_t expectedSize = 0)
+        : keyOf_(std::move(keyOf)), buckets_(capacityFor(expectedSize)) {}
 
-    // A key as the map looks it up: its text and its hash.
     struct HashedKey {
         HashedKey() = default;
-        explicit HashedKey(std::string_view value) : text(nonNull(value)), hash(hashOf(text)) {}
+        explicit HashedKey(std::string_view value) : text(value), hash(hashOf(text)) {}
         std::string_view text;
-        std::uint32_t hash = 0;
+        std::uint32_t hash = 0;  // never 0 once made: 0 marks an empty bucket
     };
 
-    // Starts loading the bucket where a look-up of `key` begins. A caller that goes
-    // through many keys in a row hints a few keys ahead, so that each look-up finds its
-    // bucket in cache instead of waiting on memory.
     void prefetch(const HashedKey& key) const { __builtin_prefetch(&buckets_[homeOf(key.hash)]); }
-    // Starts loading the text of the key held where a look-up of `key` begins, which a
-    // hit compares with; the bucket itself should already be on its way (prefetch).
-    void prefetchStoredKey(const HashedKey& key) const { __builtin_prefetch(buckets_[homeOf(key.hash)].key); }
 
-    // The value of `key`, inserted value-initialised when absent; true when inserted.
-    std::pair<Value&, bool> tryEmplace(std::string_view key) { return tryEmplace(HashedKey(key)); }
-    std::pair<Value&, bool> tryEmplace(const HashedKey& hashed) {
-        if ((size_ + 1) * 4 > buckets_.size() * 3) grow();
-        const std::string_view key = hashed.text;
-        const std::uint32_t hash = hashed.hash;
-        Bucket& bucket = buckets_[indexFor(key, hash)];
-        if (bucket.isEmpty()) {
-            bucket = Bucket{key.data(), static_cast<std::uint32_t>(key.size()), hash, Value{}};
-            ++size_;
-            return {bucket.value, true};
+    // The value that a look-up of the key would read the key of first: the first one on its
+    // probe path with the key's hash, or null when the key is surely absent. It reads the
+    // buckets alone, so callers can start loading the key's text before the look-up.
+    const Value* candidate(const HashedKey& key) const {
+        const std::size_t count = buckets_.size();
+        for (std::size_t i = homeOf(key.hash);; i = i + 1 == count ? 0 : i + 1) {
+            const Bucket& bucket = buckets_[i];
+            if (bucket.isEmpty()) return nullptr;
+            if (bucket.hash == key.hash) return &bucket.value;
         }
-        return {bucket.value, false};
+    }
+
+    // Adds `value` under the key unless the key is there already. Either way returns the
+    // stored value and whether it was added. `value` must have the key as its KeyOf.
+    std::pair<Value&, bool> tryEmplace(const HashedKey& key, const Value& value) {
+        if ((size_ + 1) * 4 > buckets_.size() * 3) grow();
+        Bucket& bucket = buckets_[indexFor(key)];
+        if (!bucket.isEmpty()) return {bucket.value, false};
+        bucket = Bucket{key.hash, value};
+        ++size_;
+        return {bucket.value, true};
     }
 
     Value* find(const HashedKey& key) {
-        Bucket& bucket = buckets_[indexFor(key.text, key.hash)];
+        Bucket& bucket = buckets_[indexFor(key)];
         return bucket.isEmpty() ? nullptr : &bucket.value;
     }
     const Value* find(const HashedKey& key) const {
-        const Bucket& bucket = buckets_[indexFor(key.text, key.hash)];
+        const Bucket& bucket = buckets_[indexFor(key)];
         return bucket.isEmpty() ? nullptr : &bucket.value;
-    }
-    Value* find(std::string_view key) { return find(HashedKey(key)); }
-    const Value* find(std::string_view key) const { return find(HashedKey(key)); }
-
-    // Points the stored key equal to `key` at `key`'s own text, so that the text the key
-    // was stored with may go. Does nothing when the key is absent.
-    void rekey(const HashedKey& key) {
-        Bucket& bucket = buckets_[indexFor(key.text, key.hash)];
-        if (!bucket.isEmpty()) bucket.key = key.text.data();
     }
 
     std::size_t size() const { return size_; }
 
+    // Gives the array's memory back; the map is empty afterwards.
+    void clear() {
+        std::vector<Bucket>(capacityFor(0)).swap(buckets_);
+        size_ = 0;
+    }
+
 private:
     struct Bucket {
-        const char* key = nullptr;  // null marks an empty bucket
-        std::uint32_t keySize = 0;
         std::uint32_t hash = 0;
         Value value{};
-        bool isEmpty() const { return key == nullptr; }
-        bool holds(std::string_view other, std::uint32_t otherHash) const {
-            return hash == otherHash && std::string_view(key, keySize) == other;
-        }
+        bool isEmpty() const { return hash == 0; }
     };
 
-    // Room for `expectedSize` keys at two thirds full.
     static std::size_t capacityFor(std::size_t expectedSize) {
         return std::max<std::size_t>(16, expectedSize / 2 * 3 + 2);
     }
 
     static std::uint32_t hashOf(std::string_view key) {
         const std::size_t full = std::hash<std::string_view>{}(key);
-        return static_cast<std::uint32_t>(full ^ (full >> 32));
+        const auto hash = static_cast<std::uint32_t>(full ^ (full >> 32));
+        return hash == 0 ? 1 : hash;
     }
 
-    // An empty key is stored with a non-null view, so that null can mark empty buckets.
-    static std::string_view nonNull(std::string_view key) { return key.data() ? key : std::string_view(""); }
-
-    // The index of the bucket holding `key`, or of the empty one where it belongs. The
-    // hash is scaled onto the array (a multiply and a shift), so any size works.
     std::size_t homeOf(std::uint32_t hash) const {
         return static_cast<std::size_t>((static_cast<std::uint64_t>(hash) * buckets_.size()) >> 32);
     }
-    std::size_t indexFor(std::string_view key, std::uint32_t hash) const {
+    std::size_t indexFor(const HashedKey& key) const {
         const std::size_t count = buckets_.size();
-        for (std::size_t i = homeOf(hash);; i = i + 1 == count ? 0 : i + 1) {
+        for (std::size_t i = homeOf(key.hash);; i = i + 1 == count ? 0 : i + 1) {
             const Bucket& bucket = buckets_[i];
-            if (bucket.isEmpty() || bucket.holds(key, hash)) return i;
+            if (bucket.isEmpty() || (bucket.hash == key.hash && keyOf_(bucket.value) == key.text)) return i;
         }
     }
 
+    // Stored keys are all different, so moving them needs their hashes only.
     void grow() {
         std::vector<Bucket> old(buckets_.size() * 2);
         old.swap(buckets_);
-        for (Bucket& bucket : old) {
-            if (!bucket.isEmpty()) buckets_[indexFor({bucket.key, bucket.keySize}, bucket.hash)] = std::move(bucket);
+        const std::size_t count = buckets_.size();
+        for (const Bucket& bucket : old) {
+            if (bucket.isEmpty()) continue;
+            std::size_t i = homeOf(bucket.hash);
+            while (!buckets_[i].isEmpty()) i = i + 1 == count ? 0 : i + 1;
+            buckets_[i] = bucket;
         }
     }
 
+    KeyOf keyOf_;
     std::vector<Bucket> buckets_;  // at most three quarters full
     std::size_t size_ = 0;
 };

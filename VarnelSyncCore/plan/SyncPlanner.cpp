@@ -25,21 +25,58 @@ using Reason = SyncActionReason;
 
 constexpr const char* kHiddenDescription = "Hidden files are skipped by this profile";
 
+enum class Side { source, destination };
+
 // How the destination volume tells names apart: canonical form, lower-cased when it
-// ignores case. On a case-sensitive volume a key is a view of the path's own text, so
-// planning allocates nothing per item for its look-ups; lower-cased keys are kept here.
+// ignores case. On a case-sensitive volume a scanned item's key is a view of its path's
+// own text, so planning allocates nothing per item for its look-ups; lower-cased keys are
+// kept here, one per scanned item, made the first time that item's key is asked for.
 // Every path handed in must outlive the planning pass (they all live in its input).
 class MatchKeys {
 public:
-    explicit MatchKeys(bool caseSensitive) : caseSensitive_(caseSensitive) {}
+    MatchKeys(bool caseSensitive, const EntryStore& source, const EntryStore& destination)
+        : caseSensitive_(caseSensitive), sides_{Made{&source, {}}, Made{&destination, {}}} {}
+
     std::string_view of(const RelativePath& path) {
         if (caseSensitive_) return path.canonicalValue();
         return lowered_.emplace_back(unicode::toLower(path.canonicalValue()));
     }
 
+    std::size_t count(Side side) const { return sideOf(side).entries->size(); }
+    const FileSystemEntry& entry(Side side, std::size_t index) const { return (*sideOf(side).entries)[index]; }
+
+    // The key of a side's item; items are asked for in increasing order the first time.
+    std::string_view of(Side side, std::size_t index) {
+        Made& made = sideOf(side);
+        if (caseSensitive_) return (*made.entries)[index].relativePath.canonicalValue();
+        while (made.keys.size() <= index) made.keys.push_back(unicode::toLower(canonical(made, made.keys.size())));
+        return made.keys[index];
+    }
+    // The key of an item asked for before.
+    std::string_view made(Side side, std::size_t index) const {
+        const Made& made = sideOf(side);
+        return caseSensitive_ ? canonical(made, index) : std::string_view(made.keys[index]);
+    }
+    // Starts loading the text that made() will read (the item itself should be loaded by now).
+    void prefetchText(Side side, std::size_t index) const {
+        const Made& made = sideOf(side);
+        if (caseSensitive_) made.entries->operator[](index).relativePath.prefetch();
+    }
+
 private:
+    struct Made {
+        const EntryStore* entries;
+        std::deque<std::string> keys;  // lower-cased, by index; a deque never moves what it holds
+    };
+    static std::string_view canonical(const Made& made, std::size_t index) {
+        return (*made.entries)[index].relativePath.canonicalValue();
+    }
+    Made& sideOf(Side side) { return sides_[side == Side::source ? 0 : 1]; }
+    const Made& sideOf(Side side) const { return sides_[side == Side::source ? 0 : 1]; }
+
     bool caseSensitive_;
-    std::deque<std::string> lowered_;  // a deque never moves what it holds
+    std::array<Made, 2> sides_;
+    std::deque<std::string> lowered_;  // the keys of paths beside the entries
 };
 
 using KeySet = std::unordered_set<std::string_view>;
@@ -50,37 +87,64 @@ struct KeySlot {
     static constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
     std::uint32_t destination = kNone;  // the destination item's index in its scan
     std::uint32_t firstSource = kNone;  // the index of the first source item planned under this key
+
+    // The item whose key the slot is stored under: its destination item, else its source item.
+    std::pair<Side, std::uint32_t> keyedBy() const {
+        return destination != kNone ? std::pair(Side::destination, destination) : std::pair(Side::source, firstSource);
+    }
 };
 
-using KeyIndex = FlatKeyMap<KeySlot>;
+// The index reads a slot's key from the scanned item it names.
+struct SlotKey {
+    const MatchKeys* keys;
+    std::string_view operator()(const KeySlot& slot) const {
+        const auto [side, index] = slot.keyedBy();
+        return keys->made(side, index);
+    }
+};
 
-// The match keys of one scan's entries, in order, each made a few entries before it is
-// looked up and its bucket (and the key stored there) told to start loading: a look-up
-// per item into an index of hundreds of thousands otherwise waits on memory each time.
+using KeyIndex = FlatKeyMap<KeySlot, SlotKey>;
+
+// The match keys of one side's entries, in order, each made a few entries before it is
+// looked up, with its bucket, then the item found there under the key's hash, then that
+// item's path text told to start loading: a look-up per item into an index of hundreds of
+// thousands otherwise waits on memory each time.
 class KeysAhead {
 public:
-    KeysAhead(const EntryStore& entries, MatchKeys& keys, const KeyIndex& index)
-        : entries_(entries), keys_(keys), index_(index) {}
+    KeysAhead(Side side, MatchKeys& keys, const KeyIndex& index)
+        : side_(side), count_(keys.count(side)), keys_(keys), index_(index) {}
 
     // The key of entry `position`. Positions are asked for in increasing order.
     const KeyIndex::HashedKey& operator[](std::size_t position) {
-        for (; made_ < entries_.size() && made_ <= position + kBucketDistance; ++made_) {
+        for (; made_ < count_ && made_ <= position + kBucketDistance; ++made_) {
             KeyIndex::HashedKey& key = ring_[made_ % kRing];
-            key = KeyIndex::HashedKey(keys_.of(entries_[made_].relativePath));
+            key = KeyIndex::HashedKey(keys_.of(side_, made_));
             index_.prefetch(key);
         }
-        if (position + kStoredKeyDistance < made_) {
-            index_.prefetchStoredKey(ring_[(position + kStoredKeyDistance) % kRing]);
+        // Their buckets have had time to arrive.
+        if (position + kItemDistance < made_) {
+            if (const KeySlot* slot = index_.candidate(ring_[(position + kItemDistance) % kRing])) {
+                const auto [side, index] = slot->keyedBy();
+                __builtin_prefetch(&keys_.entry(side, index));
+            }
+        }
+        if (position + kTextDistance < made_) {
+            if (const KeySlot* slot = index_.candidate(ring_[(position + kTextDistance) % kRing])) {
+                const auto [side, index] = slot->keyedBy();
+                keys_.prefetchText(side, index);
+            }
         }
         return ring_[position % kRing];
     }
 
 private:
     static constexpr std::size_t kBucketDistance = 16;
-    static constexpr std::size_t kStoredKeyDistance = 8;  // its bucket has had time to arrive
-    static constexpr std::size_t kRing = 32;              // more than kBucketDistance + 1
+    static constexpr std::size_t kItemDistance = 8;
+    static constexpr std::size_t kTextDistance = 4;
+    static constexpr std::size_t kRing = 32;  // more than kBucketDistance + 1
 
-    const EntryStore& entries_;
+    Side side_;
+    std::size_t count_;
     MatchKeys& keys_;
     const KeyIndex& index_;
     std::array<KeyIndex::HashedKey, kRing> ring_{};
@@ -108,8 +172,8 @@ public:
     PlanBuilder(const SyncPlanner::Input& input, const FileComparator& comparator)
         : input_(input),
           comparator_(comparator),
-          keys_(input.destinationCaseSensitive),
-          slots_(std::max(input.destination.size(), input.source.size())),
+          keys_(input.destinationCaseSensitive, input.source.orderedEntries(), input.destination.orderedEntries()),
+          slots_(SlotKey{&keys_}, std::max(input.destination.size(), input.source.size())),
           matched_(input.destination.size()) {
         if (std::max(input.destination.size(), input.source.size()) >= KeySlot::kNone) {
             throw std::length_error("More items than one plan can hold.");
@@ -117,17 +181,15 @@ public:
         // Room for every source item and exclusion, so that the file list can become the
         // whole plan in place (see sortActionsForExecution).
         files_.reserve(input.source.size() + input.source.excluded.size() + input.destination.excluded.size());
-        const auto& destinations = input.destination.orderedEntries();
-        KeysAhead keys(destinations, keys_, slots_);
-        for (std::uint32_t index = 0; index < destinations.size(); ++index) {
-            auto [slot, inserted] = slots_.tryEmplace(keys[index]);
-            if (inserted) slot.destination = index;
+        KeysAhead keys(Side::destination, keys_, slots_);
+        for (std::uint32_t index = 0; index < input.destination.size(); ++index) {
+            slots_.tryEmplace(keys[index], KeySlot{.destination = index});
         }
     }
 
     void planSource(const std::stop_token& stop) {
         const auto& sources = input_.source.orderedEntries();
-        KeysAhead keys(sources, keys_, slots_);
+        KeysAhead keys(Side::source, keys_, slots_);
         for (std::uint32_t index = 0; index < sources.size(); ++index) {
             if (stop.stop_requested()) throw SyncError(SyncError::Cancelled{});
             const FileSystemEntry& entry = sources[index];
@@ -139,14 +201,14 @@ public:
                 if (const KeySlot* found = slots_.find(hashed)) markMatched(*found);
                 continue;
             }
-            KeySlot& slot = slots_.tryEmplace(hashed).first;
-            if (slot.firstSource != KeySlot::kNone) {
+            auto [slot, inserted] = slots_.tryEmplace(hashed, KeySlot{.firstSource = index});
+            if (!inserted && slot.firstSource != KeySlot::kNone) {
                 planSourceCollision(entry, sources[slot.firstSource].relativePath);
                 if (entry.isDirectory()) unplannedFolders_.insert(key);
                 continue;
             }
             slot.firstSource = index;
-            if (slot.destination != KeySlot::kNone) shareDestinationPathText(slot.destination, entry, hashed);
+            if (slot.destination != KeySlot::kNone) shareDestinationPathText(slot.destination, entry);
             planSourceEntry(entry, key, slot);
         }
     }
@@ -182,7 +244,7 @@ public:
     void planMirrorDestinationPass() {
         if (input_.mode != SyncMode::mirror) return;
         const auto& destinations = input_.destination.orderedEntries();
-        KeysAhead keys(destinations, keys_, slots_);
+        KeysAhead keys(Side::destination, keys_, slots_);
         for (std::size_t index = 0; index < destinations.size(); ++index) {
             const FileSystemEntry& entry = destinations[index];
             const KeyIndex::HashedKey& hashed = keys[index];
@@ -212,7 +274,7 @@ public:
         addRunWarnings(warnings, plan.summary);
         plan.summary.warningCount = static_cast<std::int64_t>(warnings.size());
 
-        slots_ = KeyIndex();  // its room goes to the sort
+        slots_.clear();  // its room goes to the sort
         sortActionsForExecution(creations_, files_, archives_, others_, plan.actions);
         plan.notes = cloudFolderNotes(plan);
         return plan;
@@ -228,12 +290,10 @@ private:
 
     // A matched destination item nearly always has the source item's very path. It takes
     // the source's text, and the destination scan's copy goes while the plan grows, rather
-    // than both being held to the end.
-    void shareDestinationPathText(std::uint32_t destination, const FileSystemEntry& source,
-                                  const KeyIndex::HashedKey& key) {
-        const std::optional<RelativePath> replaced = input_.destination.sharePathText(destination, source.relativePath);
-        // A case-sensitive key is a view of the replaced text, which goes when this returns.
-        if (replaced && input_.destinationCaseSensitive) slots_.rekey(key);
+    // than both being held to the end. The index reads the slot's key from the item, so it
+    // reads the new text from now on: the same bytes.
+    void shareDestinationPathText(std::uint32_t destination, const FileSystemEntry& source) {
+        input_.destination.sharePathText(destination, source.relativePath);
     }
 
     void planSourceCollision(const FileSystemEntry& entry, const RelativePath& earlier) {

@@ -34,12 +34,13 @@ SharedEntry EntryStore::share(const FileSystemEntry& stored) const {
     return SharedEntry(&stored, SharedEntry::kInStore);
 }
 
-std::optional<RelativePath> EntryStore::sharePathText(std::size_t index, const RelativePath& candidate) {
+bool EntryStore::sharePathText(std::size_t index, const RelativePath& candidate) {
     RelativePath& path = entriesOf(blocks_[index / kPerBlock])[index % kPerBlock].relativePath;
     const std::string_view own = path.value();
     const std::string_view other = candidate.value();
-    if (own.data() == other.data() || own != other) return std::nullopt;
-    return std::exchange(path, candidate);
+    if (own.data() == other.data() || own != other) return false;
+    path = candidate;
+    return true;
 }
 
 const EntryStore& EntryStore::holding(const FileSystemEntry* entry) {

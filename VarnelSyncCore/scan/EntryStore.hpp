@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <memory>
 #include <new>
-#include <optional>
 #include <vector>
 
 namespace varnel {
@@ -47,10 +46,10 @@ public:
     SharedEntry share(const FileSystemEntry& stored) const;
 
     // When entry `index`'s path holds the very bytes of `candidate` in a text of its own,
-    // the entry names its path with `candidate`'s text instead, and returns the path it
-    // held, whose text goes with it unless it is copied elsewhere. No value changes; still,
-    // no other thread may read the store meanwhile.
-    std::optional<RelativePath> sharePathText(std::size_t index, const RelativePath& candidate);
+    // the entry names its path with `candidate`'s text instead, and its own text goes
+    // unless something else holds it; returns whether it did. No value changes; still, no
+    // other thread may read the store meanwhile, and views of the old text end here.
+    bool sharePathText(std::size_t index, const RelativePath& candidate);
 
 private:
     friend class SharedEntry;

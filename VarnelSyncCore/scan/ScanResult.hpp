@@ -58,7 +58,7 @@ public:
     // alive without copying it.
     SharedEntry share(const FileSystemEntry& stored) const { return entries_->share(stored); }
     // See EntryStore::sharePathText.
-    std::optional<RelativePath> sharePathText(std::size_t index, const RelativePath& candidate) {
+    bool sharePathText(std::size_t index, const RelativePath& candidate) {
         return entries_->sharePathText(index, candidate);
     }
 
