@@ -23,7 +23,7 @@ struct SyncAction {
 
     friend bool operator==(const SyncAction&, const SyncAction&) = default;
 };
-static_assert(sizeof(void*) != 8 || sizeof(SyncAction) == 72);
+static_assert(sizeof(void*) != 8 || sizeof(SyncAction) == 64);  // a plan holds one per scanned pair
 
 void to_json(nlohmann::json& json, const FileSystemEntry& entry);
 void from_json(const nlohmann::json& json, FileSystemEntry& entry);

@@ -139,10 +139,10 @@ void to_json(Json& json, const SyncActionReason& reason) {
         Overloaded{
             [](const R::SizeDiffers& c) { return Json{{"source", c.source}, {"destination", c.destination}}; },
             [](const R::SourceIsNewer& c) {
-                return Json{{"sourceTime", c.sourceTime}, {"destinationTime", c.destinationTime}};
+                return Json{{"sourceTime", c.sourceTime()}, {"destinationTime", c.destinationTime()}};
             },
             [](const R::TimestampsDifferAmbiguously& c) {
-                return Json{{"sourceTime", c.sourceTime}, {"destinationTime", c.destinationTime}};
+                return Json{{"sourceTime", c.sourceTime()}, {"destinationTime", c.destinationTime()}};
             },
             [](const R::TypeChanged& c) { return Json{{"from", toString(c.from)}, {"to", toString(c.to)}}; },
             [](const R::SymlinkTargetChanged& c) { return Json{{"from", c.from()}, {"to", c.to()}}; },
