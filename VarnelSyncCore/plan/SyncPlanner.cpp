@@ -509,13 +509,15 @@ void sortInPlace(std::vector<SyncAction>& actions, bool deepestFirst) {
     if (actions.size() >= std::numeric_limits<std::uint32_t>::max()) {
         throw std::length_error("More items than one plan can hold.");
     }
+    // Small, since the sort runs when the plan is at its largest: the path is read from
+    // the action, which sits among its folder's neighbours.
     struct Key {
-        std::string_view path;
-        std::uint32_t nameStart = 0;  // the folder part is path[0, nameStart)
         std::uint32_t index = 0;
-        std::string_view folder() const { return path.substr(0, nameStart); }
-        std::string_view name() const { return path.substr(nameStart); }
+        std::uint32_t nameStart = 0;  // the folder part is path[0, nameStart)
     };
+    const auto pathOf = [&](const Key& key) { return actions[key.index].relativePath.value(); };
+    const auto folderOf = [&](const Key& key) { return pathOf(key).substr(0, key.nameStart); };
+    const auto nameOf = [&](const Key& key) { return pathOf(key).substr(key.nameStart); };
     struct Run {
         std::size_t depth = 0;
         std::size_t begin = 0;
@@ -530,20 +532,23 @@ void sortInPlace(std::vector<SyncAction>& actions, bool deepestFirst) {
         if (i + kAhead < actions.size()) actions[i + kAhead].relativePath.prefetch();
         const std::string_view path = actions[i].relativePath.value();
         const std::size_t slash = path.rfind('/');
-        const Key key{path, static_cast<std::uint32_t>(slash == std::string_view::npos ? 0 : slash + 1),
-                      static_cast<std::uint32_t>(i)};
+        const Key key{static_cast<std::uint32_t>(i),
+                      static_cast<std::uint32_t>(slash == std::string_view::npos ? 0 : slash + 1)};
         // The root (depth 0) shares the empty folder part with the top level: never one run.
-        if (runs.empty() || keys.back().folder() != key.folder() || path.empty() || keys.back().path.empty()) {
+        if (runs.empty() || folderOf(keys.back()) != path.substr(0, key.nameStart) || path.empty() ||
+            pathOf(keys.back()).empty()) {
             const auto depth = path.empty() ? 0 : static_cast<std::size_t>(std::count(path.begin(), path.end(), '/')) + 1;
             runs.push_back(Run{depth, i, i});
         }
         keys.push_back(key);
         runs.back().end = i + 1;
     }
-    const auto folderOf = [&](const Run& run) { return keys[run.begin].folder(); };
-    const auto sameFolder = [&](const Run& a, const Run& b) { return a.depth == b.depth && folderOf(a) == folderOf(b); };
+    const auto runFolder = [&](const Run& run) { return folderOf(keys[run.begin]); };
+    const auto sameFolder = [&](const Run& a, const Run& b) {
+        return a.depth == b.depth && runFolder(a) == runFolder(b);
+    };
     std::stable_sort(runs.begin(), runs.end(), [&](const Run& a, const Run& b) {
-        return a.depth != b.depth ? a.depth < b.depth : folderOf(a) < folderOf(b);
+        return a.depth != b.depth ? a.depth < b.depth : runFolder(a) < runFolder(b);
     });
 
     // order[i]: the index of the action that goes to position i. The runs of one folder
@@ -558,7 +563,7 @@ void sortInPlace(std::vector<SyncAction>& actions, bool deepestFirst) {
             folder.insert(folder.end(), keys.begin() + static_cast<std::ptrdiff_t>(runs[r].begin),
                           keys.begin() + static_cast<std::ptrdiff_t>(runs[r].end));
         }
-        std::sort(folder.begin(), folder.end(), [](const Key& a, const Key& b) { return a.name() < b.name(); });
+        std::sort(folder.begin(), folder.end(), [&](const Key& a, const Key& b) { return nameOf(a) < nameOf(b); });
         for (const Key& key : folder) order.push_back(key.index);
     }
     std::vector<Key>().swap(keys);
