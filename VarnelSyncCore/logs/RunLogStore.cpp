@@ -153,11 +153,19 @@ void writeFileAtomically(const fs::path& path, const std::string& contents) {
     }
 }
 
+// A run's outcome is in its closing record, the last line of its log, and nowhere else
+// (quotes inside strings are escaped). Reading the end of each log rather than all of it
+// keeps retention from reading up to the whole 50 MB it keeps after every run.
 bool endedBadly(const fs::path& log) {
-    std::ifstream in(log, std::ios::binary);
-    std::stringstream buffer;
-    buffer << in.rdbuf();
-    const std::string text = buffer.str();
+    constexpr std::streamoff kTailBytes = 64 * 1024;  // a closing record is well under 1 KiB
+    std::ifstream in(log, std::ios::binary | std::ios::ate);
+    const std::streamoff size = in ? static_cast<std::streamoff>(in.tellg()) : -1;
+    if (size < 0) return false;
+    const std::streamoff start = std::max<std::streamoff>(0, size - kTailBytes);
+    in.seekg(start);
+    std::string text(static_cast<std::size_t>(size - start), '\0');
+    in.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<std::size_t>(std::max<std::streamsize>(0, in.gcount())));
     return text.find("\"outcome\":\"failed\"") != std::string::npos ||
            text.find("\"outcome\":\"cancelled\"") != std::string::npos;
 }

@@ -110,6 +110,34 @@ TEST(RunLogStoreTest, RetentionKeepsTheNewestRunsAndTheNewestFailedOne) {
     EXPECT_EQ(logs, 101u) << "the 100 newest runs plus the spared failed one";
 }
 
+// The outcome is looked for at the end of each log: a failed run with a long log must
+// still be found, and an item whose name spells a failed outcome must not spare its run.
+TEST(RunLogStoreTest, RetentionFindsTheOutcomeOfALongLogAndOnlyThere) {
+    testing::TemporaryDirectory temp;
+    RunLogStore store(temp.path(), 2);
+    const auto base = fs::file_time_type::clock::now() - std::chrono::hours(24);
+    int written = 0;
+    const auto write = [&](const FinishedRun& run) {
+        ASSERT_FALSE(store.write(run.input()));
+        fs::last_write_time(store.logPath(run.result.id), base + std::chrono::seconds(++written));
+    };
+    const auto withActions = [](FinishedRun run, const std::string& name) {
+        for (int i = 0; i < 2'000; ++i) {
+            run.actions.push_back(ActionResult{testing::rel("folder/" + std::to_string(i) + "-" + name),
+                                               SyncActionType::copyNewFile, true, 4096, 0.01, {}, {}});
+        }
+        return run;
+    };
+    const FinishedRun failed = withActions(FinishedRun(SyncRunOutcome::failed), "photo.jpg");
+    const FinishedRun lookalike = withActions(FinishedRun(), "\"outcome\":\"cancelled\"");
+    write(failed);
+    write(lookalike);
+    ASSERT_GT(fs::file_size(store.logPath(failed.result.id)), 100'000u);
+    for (int i = 0; i < 2; ++i) write(FinishedRun());
+    EXPECT_TRUE(fs::exists(store.logPath(failed.result.id))) << "the failed run is spared";
+    EXPECT_FALSE(fs::exists(store.logPath(lookalike.result.id))) << "a name is not an outcome";
+}
+
 TEST(RunLogStoreTest, UnwritableFolderIsReportedNotThrown) {
     testing::TemporaryDirectory temp;
     temp.writeFile("blocker", "a file where the folder should be");
