@@ -59,8 +59,7 @@ public:
     }
     // Starts loading the text that made() will read (the item itself should be loaded by now).
     void prefetchText(Side side, std::size_t index) const {
-        const Made& made = sideOf(side);
-        if (caseSensitive_) made.entries->operator[](index).relativePath.prefetch();
+        if (caseSensitive_) entry(side, index).relativePath.prefetch();
     }
 
 private:
