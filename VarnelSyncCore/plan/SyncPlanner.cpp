@@ -48,7 +48,7 @@ public:
     // The key of a side's item; items are asked for in increasing order the first time.
     std::string_view of(Side side, std::size_t index) {
         Made& made = sideOf(side);
-        if (caseSensitive_) return (*made.entries)[index].relativePath.canonicalValue();
+        if (caseSensitive_) return canonical(made, index);
         while (made.keys.size() <= index) made.keys.push_back(unicode::toLower(canonical(made, made.keys.size())));
         return made.keys[index];
     }

@@ -34,13 +34,11 @@ SharedEntry EntryStore::share(const FileSystemEntry& stored) const {
     return SharedEntry(&stored, SharedEntry::kInStore);
 }
 
-bool EntryStore::sharePathText(std::size_t index, const RelativePath& candidate) {
+void EntryStore::sharePathText(std::size_t index, const RelativePath& candidate) {
     RelativePath& path = entriesOf(blocks_[index / kPerBlock])[index % kPerBlock].relativePath;
     const std::string_view own = path.value();
     const std::string_view other = candidate.value();
-    if (own.data() == other.data() || own != other) return false;
-    path = candidate;
-    return true;
+    if (own.data() != other.data() && own == other) path = candidate;
 }
 
 const EntryStore& EntryStore::holding(const FileSystemEntry* entry) {

@@ -47,9 +47,9 @@ public:
 
     // When entry `index`'s path holds the very bytes of `candidate` in a text of its own,
     // the entry names its path with `candidate`'s text instead, and its own text goes
-    // unless something else holds it; returns whether it did. No value changes; still, no
-    // other thread may read the store meanwhile, and views of the old text end here.
-    bool sharePathText(std::size_t index, const RelativePath& candidate);
+    // unless something else holds it. No value changes; still, no other thread may read
+    // the store meanwhile, and views of the old text end here.
+    void sharePathText(std::size_t index, const RelativePath& candidate);
 
 private:
     friend class SharedEntry;

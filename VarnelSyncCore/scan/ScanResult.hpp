@@ -58,8 +58,8 @@ public:
     // alive without copying it.
     SharedEntry share(const FileSystemEntry& stored) const { return entries_->share(stored); }
     // See EntryStore::sharePathText.
-    bool sharePathText(std::size_t index, const RelativePath& candidate) {
-        return entries_->sharePathText(index, candidate);
+    void sharePathText(std::size_t index, const RelativePath& candidate) {
+        entries_->sharePathText(index, candidate);
     }
 
     std::vector<ExcludedItem> excluded;
