@@ -245,6 +245,9 @@ TEST_F(SymlinkAttacker, MirrorRunsUnderAttackNeverReachOutsideNorCopyTheSecret) 
     }
     stopAttacker(attacker);
 
+    // First, so that a failure below comes with the figures of the runs behind it.
+    std::cout << "symlink attacker: " << runs << " Mirror runs, " << filesWritten << " files written, " << reported
+              << " errors and warnings reported\n";
     expectNothingOutsideChanged();
     int secretCopies = 0;
     std::error_code ignoredError;
@@ -260,8 +263,6 @@ TEST_F(SymlinkAttacker, MirrorRunsUnderAttackNeverReachOutsideNorCopyTheSecret) 
     EXPECT_GT(runs, 1);
     EXPECT_GT(filesWritten, 5'000) << "the runs copied too little for the attack to mean anything";
     EXPECT_GT(reported, 0) << "the engine reported nothing although it was attacked";
-    std::cout << "symlink attacker: " << runs << " Mirror runs, " << filesWritten << " files written, " << reported
-              << " errors and warnings reported\n";
 }
 
 // The same attacker against a writer that joins paths as strings and opens them: it
