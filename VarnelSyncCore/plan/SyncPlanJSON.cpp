@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <charconv>
 #include <concepts>
 #include <optional>
@@ -135,8 +136,7 @@ private:
     // The fields of to_json(FileSystemEntry).
     void write(const FileSystemEntry& entry) {
         beginObject();
-        field("allocatedBlocks", entry.allocatedBlocks);
-        field("changeTime", entry.changeTime);
+        field("allocatedBlocks", std::int64_t{entry.allocatedBlocks});
         field("creationTime", entry.creationTime);
         field("deviceID", entry.deviceID);
         field("hardLinkCount", entry.hardLinkCount);
@@ -146,7 +146,7 @@ private:
         field("modificationTime", entry.modificationTime);
         field("ownerGID", entry.ownerGID);
         field("ownerUID", entry.ownerUID);
-        field("posixPermissions", entry.posixPermissions);
+        field("posixPermissions", std::uint16_t{entry.posixPermissions});
         field("relativePath", entry.relativePath);
         field("size", entry.size);
         field("symlinkTarget", entry.symlinkTarget);
@@ -198,7 +198,7 @@ void to_json(Json& json, const FileSystemEntry& entry) {
     json = Json{{"relativePath", entry.relativePath},
                 {"kind", toString(entry.kind)},
                 {"size", entry.size},
-                {"allocatedBlocks", entry.allocatedBlocks},
+                {"allocatedBlocks", std::int64_t{entry.allocatedBlocks}},
                 {"modificationTime", entry.modificationTime},
                 {"posixPermissions", std::uint16_t{entry.posixPermissions}},
                 {"ownerUID", entry.ownerUID},
@@ -208,7 +208,6 @@ void to_json(Json& json, const FileSystemEntry& entry) {
                 {"hardLinkCount", entry.hardLinkCount},
                 {"isDataless", bool{entry.isDataless}}};
     putOptional(json, "creationTime", entry.creationTime);
-    putOptional(json, "changeTime", entry.changeTime);
     putOptional(json, "symlinkTarget", entry.symlinkTarget);
     if (entry.unsupportedReason) json["unsupportedReason"] = toString(*entry.unsupportedReason);
 }
@@ -220,10 +219,10 @@ void from_json(const Json& json, FileSystemEntry& entry) {
     if (!kind) throw DecodingError("Unknown item kind: " + kindText);
     entry.kind = *kind;
     entry.size = integerAt<std::int64_t>(json, "size");
-    entry.allocatedBlocks = integerAt<std::int64_t>(json, "allocatedBlocks");
+    entry.allocatedBlocks =
+        asInt64(require(json, "allocatedBlocks"), "allocatedBlocks", 0, FileSystemEntry::kMaxAllocatedBlocks);
     entry.modificationTime = json.at("modificationTime").get<FileTimestamp>();
     entry.creationTime = getOptional<FileTimestamp>(json, "creationTime");
-    entry.changeTime = getOptional<FileTimestamp>(json, "changeTime");
     entry.posixPermissions =
         static_cast<std::uint16_t>(asInt64(require(json, "posixPermissions"), "posixPermissions", 0, 07777));
     entry.ownerUID = integerAt<std::uint32_t>(json, "ownerUID");
@@ -239,7 +238,9 @@ void from_json(const Json& json, FileSystemEntry& entry) {
     const Json& inode = require(json, "inode");
     if (!inode.is_number_unsigned()) throw DecodingError("“inode”: expected a whole number that is not negative.");
     entry.inode = inode.get<std::uint64_t>();
-    entry.hardLinkCount = integerAt<std::uint32_t>(json, "hardLinkCount");
+    // Counts beyond 16 bits, from other writers, are held at the largest one kept.
+    entry.hardLinkCount = static_cast<std::uint16_t>(
+        std::min<std::uint32_t>(integerAt<std::uint32_t>(json, "hardLinkCount"), FileSystemEntry::kMaxHardLinkCount));
     entry.isDataless = json.at("isDataless").get<bool>();
 }
 

@@ -19,7 +19,7 @@ using StopRequested = std::function<bool()>;
 
 // Given the entry of a copy's source as opened, before anything is written; throws to
 // refuse the copy.
-using SourceCheck = std::function<void(const FileSystemEntry& opened)>;
+using SourceCheck = std::function<void(const FreshEntry& opened)>;
 
 // How FileSystemProviding::copyFile copies one file.
 struct CopyOptions {

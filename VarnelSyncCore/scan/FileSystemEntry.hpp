@@ -14,29 +14,34 @@ namespace varnel {
 // One item as seen by a single statx that never follows a final symbolic link, so the
 // fields are consistent with each other.
 struct FileSystemEntry {
-    // Eight-byte members first, then the 4-byte aligned ones and the narrow ones, so that
-    // a scan's hundreds of thousands of entries carry no padding: 96 bytes each.
+    // A scan holds hundreds of thousands of these, and a plan points at both sides' of
+    // every pair: the members are ordered and narrowed so that one takes 80 bytes, with
+    // the block count, the permission bits, the online-only flag and the kind sharing one
+    // 8-byte word.
     RelativePath relativePath;
-    std::int64_t size = 0;             // logical size of regular files; 0 for every other kind
-    std::int64_t allocatedBlocks = 0;  // 512-byte units
-    BoxedOptional<std::string> symlinkTarget;  // links only; absent when readlink failed
-    std::uint64_t inode = 0;
-    // st_dev. The kernel keeps device numbers in 32 bits (a 12-bit major and a 20-bit
-    // minor on Linux, whose makedev encoding fits 32 bits too; macOS's dev_t is 32 bits).
-    std::uint32_t deviceID = 0;
-    FileTimestamp modificationTime;
-    OptionalTimestamp creationTime;  // absent where the file system keeps no birth time
-    // st_ctime: moved by every change to the data or the metadata, and, unlike the
-    // modification time, not settable by programs; absent where unknown.
-    OptionalTimestamp changeTime;
-    std::uint32_t ownerUID = 0;
-    std::uint32_t ownerGID = 0;
-    std::uint32_t hardLinkCount = 1;
+    std::int64_t size = 0;  // logical size of regular files; 0 for every other kind
+    // 512-byte units. 47 bits count up to 64 PiB per file, more than any volume holds.
+    std::int64_t allocatedBlocks : 48 = 0;
     std::uint16_t posixPermissions : 12 = 0;  // mode & 07777
     // Contents live only in the cloud; never set by the Linux file system.
     bool isDataless : 1 = false;
-    EntryKind kind = EntryKind::regularFile;
+    EntryKind kind : 2 = EntryKind::regularFile;
+    BoxedOptional<std::string> symlinkTarget;  // links only; absent when readlink failed
+    std::uint64_t inode = 0;
+    FileTimestamp modificationTime;
+    OptionalTimestamp creationTime;  // absent where the file system keeps no birth time
+    // st_dev. The kernel keeps device numbers in 32 bits (a 12-bit major and a 20-bit
+    // minor on Linux, whose makedev encoding fits 32 bits too; macOS's dev_t is 32 bits).
+    std::uint32_t deviceID = 0;
+    std::uint32_t ownerUID = 0;
+    std::uint32_t ownerGID = 0;
+    // st_nlink, held at kMaxHardLinkCount when larger: only whether a file has other
+    // names matters, and the count is shown in a warning.
+    std::uint16_t hardLinkCount = 1;
     OptionalUnsupportedReason unsupportedReason;  // set exactly when kind is unsupported
+
+    static constexpr std::int64_t kMaxAllocatedBlocks = (std::int64_t{1} << 47) - 1;
+    static constexpr std::uint16_t kMaxHardLinkCount = 0xFFFF;
 
     bool isDirectory() const { return kind == EntryKind::directory; }
     bool isRegularFile() const { return kind == EntryKind::regularFile; }
@@ -45,7 +50,17 @@ struct FileSystemEntry {
 
     friend bool operator==(const FileSystemEntry&, const FileSystemEntry&) = default;
 };
-static_assert(sizeof(void*) != 8 || sizeof(FileSystemEntry) == 96);
+static_assert(sizeof(void*) != 8 || sizeof(FileSystemEntry) == 80);
+
+// An entry read just now, with the change time (st_ctime) that a stored one leaves out.
+// A write moves it even when the size stays and the modification time is set back, and
+// programs cannot set it, so a file being copied is checked against it; a scan's entries
+// are compared by size and modification time only and have no use for it.
+struct FreshEntry : FileSystemEntry {
+    OptionalTimestamp changeTime;  // absent where unknown
+
+    friend bool operator==(const FreshEntry&, const FreshEntry&) = default;
+};
 
 // Maps st_mode's type bits to a kind and, for special files, the reason.
 EntryKind entryKindFromMode(std::uint32_t mode, OptionalUnsupportedReason& reason);

@@ -65,7 +65,7 @@ public:
     // --- Inspect ---------------------------------------------------------------------
     // One statx of the item; for a link also one readlink whose failure leaves the
     // target absent. Throws POSIXFileError "statx".
-    virtual FileSystemEntry entry(const EndpointRoot& root, const RelativePath& path) = 0;
+    virtual FreshEntry entry(const EndpointRoot& root, const RelativePath& path) = 0;
     // Whether the item exists (a dangling link exists). Never throws.
     virtual bool exists(const EndpointRoot& root, const RelativePath& path) = 0;
     // Throws POSIXFileError "readlink".

@@ -109,12 +109,22 @@ FileTimestamp timestampOf(const statx_timestamp& value) {
     return FileTimestamp{static_cast<std::int64_t>(value.tv_sec), static_cast<std::int32_t>(value.tv_nsec)};
 }
 
-FileSystemEntry entryFromStatx(const struct statx& item, RelativePath path) {
-    FileSystemEntry entry;
+template <typename Count>
+std::int64_t blockCount(Count blocks) {
+    return static_cast<std::int64_t>(std::min<std::uint64_t>(blocks, FileSystemEntry::kMaxAllocatedBlocks));
+}
+
+template <typename Count>
+std::uint16_t linkCount(Count links) {
+    return static_cast<std::uint16_t>(std::min<std::uint64_t>(links, FileSystemEntry::kMaxHardLinkCount));
+}
+
+FreshEntry entryFromStatx(const struct statx& item, RelativePath path) {
+    FreshEntry entry;
     entry.relativePath = std::move(path);
     entry.kind = entryKindFromMode(item.stx_mode, entry.unsupportedReason);
     entry.size = entry.kind == EntryKind::regularFile ? static_cast<std::int64_t>(item.stx_size) : 0;
-    entry.allocatedBlocks = static_cast<std::int64_t>(item.stx_blocks);
+    entry.allocatedBlocks = blockCount(item.stx_blocks);
     entry.modificationTime = timestampOf(item.stx_mtime);
     if ((item.stx_mask & STATX_CTIME) != 0) entry.changeTime = timestampOf(item.stx_ctime);
     // Only meaningful when the file system answered for it; 0 or less means "none kept".
@@ -126,19 +136,19 @@ FileSystemEntry entryFromStatx(const struct statx& item, RelativePath path) {
     entry.ownerGID = item.stx_gid;
     entry.deviceID = static_cast<std::uint32_t>(makedev(item.stx_dev_major, item.stx_dev_minor));
     entry.inode = item.stx_ino;
-    entry.hardLinkCount = item.stx_nlink;
+    entry.hardLinkCount = linkCount(item.stx_nlink);
     entry.isDataless = false;  // Linux has no online-only files
     return entry;
 }
 
 // The entry of an open file, from its fstat: what a statx of its path gives, without the
 // birth time, which fstat does not report and no check of an open file needs.
-FileSystemEntry entryFromStat(const struct stat& item, RelativePath path) {
-    FileSystemEntry entry;
+FreshEntry entryFromStat(const struct stat& item, RelativePath path) {
+    FreshEntry entry;
     entry.relativePath = std::move(path);
     entry.kind = entryKindFromMode(item.st_mode, entry.unsupportedReason);
     entry.size = entry.kind == EntryKind::regularFile ? static_cast<std::int64_t>(item.st_size) : 0;
-    entry.allocatedBlocks = static_cast<std::int64_t>(item.st_blocks);
+    entry.allocatedBlocks = blockCount(item.st_blocks);
     entry.modificationTime = FileTimestamp::fromTimespec(item.st_mtim);
     entry.changeTime = FileTimestamp::fromTimespec(item.st_ctim);
     entry.posixPermissions = static_cast<std::uint16_t>(item.st_mode & 07777);
@@ -146,19 +156,19 @@ FileSystemEntry entryFromStat(const struct stat& item, RelativePath path) {
     entry.ownerGID = item.st_gid;
     entry.deviceID = static_cast<std::uint32_t>(item.st_dev);
     entry.inode = item.st_ino;
-    entry.hardLinkCount = static_cast<std::uint32_t>(item.st_nlink);
+    entry.hardLinkCount = linkCount(item.st_nlink);
     entry.isDataless = false;
     return entry;
 }
 
 // One statx of `name` in `dirFd`, never following it; for a link one readlinkat whose
 // failure leaves the target absent.
-ErrnoOr<FileSystemEntry> statEntry(int dirFd, const char* name, RelativePath path) {
+ErrnoOr<FreshEntry> statEntry(int dirFd, const char* name, RelativePath path) {
     struct statx item {};
     if (::statx(dirFd, name, AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &item) != 0) {
-        return ErrnoOr<FileSystemEntry>::failure(errno);
+        return ErrnoOr<FreshEntry>::failure(errno);
     }
-    FileSystemEntry entry = entryFromStatx(item, std::move(path));
+    FreshEntry entry = entryFromStatx(item, std::move(path));
     if (entry.kind == EntryKind::symbolicLink) {
         auto target = readLinkAt(dirFd, name, static_cast<std::size_t>(item.stx_size));
         if (target.ok()) entry.symlinkTarget = std::move(target.value());
@@ -319,7 +329,7 @@ EndpointRoot RealFileSystem::openRoot(const std::string& absolutePath) {
     return EndpointRoot(absolutePath, std::make_shared<RealRootHandle>(UniqueFd(fd)));
 }
 
-FileSystemEntry RealFileSystem::entry(const EndpointRoot& root, const RelativePath& path) {
+FreshEntry RealFileSystem::entry(const EndpointRoot& root, const RelativePath& path) {
     const auto location = locateOrThrow(root, path, "statx");
     auto entry = statEntry(location.parentFd, location.name.c_str(), path);
     if (!entry.ok()) fail(entry.error(), "statx", root, path);

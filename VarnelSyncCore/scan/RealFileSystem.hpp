@@ -27,7 +27,7 @@ public:
 
     EndpointRoot openRoot(const std::string& absolutePath) override;
 
-    FileSystemEntry entry(const EndpointRoot& root, const RelativePath& path) override;
+    FreshEntry entry(const EndpointRoot& root, const RelativePath& path) override;
     bool exists(const EndpointRoot& root, const RelativePath& path) override;
     std::string readLink(const EndpointRoot& root, const RelativePath& path) override;
     std::optional<std::string> extendedAttribute(const EndpointRoot& root, const RelativePath& path,

@@ -149,8 +149,8 @@ public:
     // the size stays and the modification time is set back; a rename over the source or
     // its removal changes the inode or takes the name away. Otherwise the staged bytes may
     // mix two versions, and the old destination file stays.
-    void checkSourceUnchangedSince(const FileSystemEntry& before) const {
-        const FileSystemEntry after = recheckSource(before);
+    void checkSourceUnchangedSince(const FreshEntry& before) const {
+        const FreshEntry after = recheckSource(before);
         const bool changeTimeMoved = after.changeTime && before.changeTime && after.changeTime != before.changeTime;
         if (after.deviceID != before.deviceID || after.inode != before.inode ||
             after.modificationTime != before.modificationTime || changeTimeMoved) {
@@ -235,8 +235,8 @@ public:
 
 private:
     // The source, looked up by its path, must still be a regular file of `expected`'s size.
-    FileSystemEntry recheckSource(const FileSystemEntry& expected) const {
-        FileSystemEntry current;
+    FreshEntry recheckSource(const FileSystemEntry& expected) const {
+        FreshEntry current;
         try {
             current = engine_.fileSystem->entry(source_.root, source_.path);
         } catch (const POSIXFileError& error) {
@@ -287,7 +287,7 @@ FileResult FileCopyEngine::copyFile(const SyncAction& action, const ProgressCall
     StagingGuard guard(*fileSystem, staging);
     // The source as opened for the copy, before any data moved: what the plan is compared
     // with, and what the source must still be afterwards.
-    std::optional<FileSystemEntry> opened;
+    std::optional<FreshEntry> opened;
     CopyOutcome copied;
     try {
         // Online-only sources are never cloned: their blocks must really be fetched.
@@ -299,7 +299,7 @@ FileResult FileCopyEngine::copyFile(const SyncAction& action, const ProgressCall
                 if (increment > 0 && progress) progress(increment);
                 return true;
             },
-            [&](const FileSystemEntry& found) {
+            [&](const FreshEntry& found) {
                 try {
                     if (sourceAsPlanned) sourceAsPlanned(found);
                     run.checkOpenedSource(found, planned);

@@ -24,16 +24,15 @@ TEST(SyncActionJSONTest, CompactTextIsWhatTheDocumentWriterGives) {
     full.relativePath = rel("Fotos/Café \"quoted\" \\ back\tslash\x7f");
     full.kind = EntryKind::symbolicLink;
     full.size = std::numeric_limits<std::int64_t>::max();
-    full.allocatedBlocks = -3;
+    full.allocatedBlocks = FileSystemEntry::kMaxAllocatedBlocks;
     full.modificationTime = {-1, 999'999'999};
     full.creationTime = FileTimestamp{1'700'000'000, 0};
-    full.changeTime = FileTimestamp{1'700'000'001, 5};
     full.symlinkTarget = "../target\n\x01";
     full.deviceID = std::numeric_limits<std::uint32_t>::max();
     full.inode = 1234567890123ULL;
     full.ownerUID = 4'000'000'000U;
     full.ownerGID = 0;
-    full.hardLinkCount = 2;
+    full.hardLinkCount = FileSystemEntry::kMaxHardLinkCount;
     full.posixPermissions = 07777;
     full.isDataless = true;
 
@@ -76,18 +75,28 @@ TEST(SyncActionJSONTest, CompactTextIsWhatTheDocumentWriterGives) {
         EXPECT_EQ(nlohmann::json(entry).get<FileSystemEntry>(), entry);
     }
     nlohmann::json badTime = full;
-    badTime["changeTime"]["nanoseconds"] = -1;
+    badTime["creationTime"]["nanoseconds"] = -1;
     EXPECT_THROW((void)badTime.get<FileSystemEntry>(), DecodingError);
 
     // A damaged number is refused, never rounded or cut to fit the entry.
     const std::vector<std::pair<const char*, nlohmann::json>> damaged = {
-        {"posixPermissions", 010000}, {"deviceID", std::uint64_t{1} << 32}, {"size", 1.5},
-        {"inode", -1},                {"ownerUID", "0"},                    {"hardLinkCount", -2}};
+        {"posixPermissions", 010000},
+        {"deviceID", std::uint64_t{1} << 32},
+        {"size", 1.5},
+        {"inode", -1},
+        {"ownerUID", "0"},
+        {"hardLinkCount", -2},
+        {"allocatedBlocks", -1},
+        {"allocatedBlocks", FileSystemEntry::kMaxAllocatedBlocks + 1}};
     for (const auto& [key, value] : damaged) {
         nlohmann::json document = full;
         document[key] = value;
         EXPECT_THROW((void)document.get<FileSystemEntry>(), DecodingError) << key << " = " << value;
     }
+    // A link count beyond the 16 bits kept still means "more than one name".
+    nlohmann::json manyLinks = bare;
+    manyLinks["hardLinkCount"] = 70'000;
+    EXPECT_EQ(manyLinks.get<FileSystemEntry>().hardLinkCount, FileSystemEntry::kMaxHardLinkCount);
 }
 
 }  // namespace

@@ -277,8 +277,8 @@ void FakeFileSystem::detach(Node& node) {
     }
 }
 
-FileSystemEntry FakeFileSystem::entryOf(const Node& node, RelativePath path, const std::string& shownPath) {
-    FileSystemEntry entry;
+FreshEntry FakeFileSystem::entryOf(const Node& node, RelativePath path, const std::string& shownPath) {
+    FreshEntry entry;
     entry.relativePath = std::move(path);
     entry.kind = node.kind;
     entry.unsupportedReason = node.kind == EntryKind::unsupported
@@ -393,7 +393,7 @@ EndpointRoot FakeFileSystem::openRoot(const std::string& absolutePath) {
     return EndpointRoot(absolutePath, std::make_shared<FakeRootHandle>(std::move(folder)));
 }
 
-FileSystemEntry FakeFileSystem::entry(const EndpointRoot& root, const RelativePath& path) {
+FreshEntry FakeFileSystem::entry(const EndpointRoot& root, const RelativePath& path) {
     std::lock_guard lock(mutex_);
     checkFault("statx", displayPath(root, path));
     const auto located = locate(root, path, "statx");
@@ -588,7 +588,7 @@ CopyOutcome FakeFileSystem::copyFile(const EndpointRoot& sourceRoot, const Relat
     std::string data;
     std::string stagingShown;
     bool clone = false;
-    FileSystemEntry opened;
+    FreshEntry opened;
     const std::string sourceShown = displayPath(sourceRoot, sourcePath);
     {
         std::lock_guard lock(mutex_);

@@ -94,7 +94,7 @@ public:
 
     // --- FileSystemProviding ----------------------------------------------------------
     EndpointRoot openRoot(const std::string& absolutePath) override;
-    FileSystemEntry entry(const EndpointRoot& root, const RelativePath& path) override;
+    FreshEntry entry(const EndpointRoot& root, const RelativePath& path) override;
     bool exists(const EndpointRoot& root, const RelativePath& path) override;
     std::string readLink(const EndpointRoot& root, const RelativePath& path) override;
     std::optional<std::string> extendedAttribute(const EndpointRoot& root, const RelativePath& path,
@@ -140,7 +140,7 @@ private:
     bool isCaseSensitive(const Node& folder) const;
     const VolumeInfo& volumeOf(const Node& node) const;
     std::string pathOf(const Node& node) const;
-    FileSystemEntry entryOf(const Node& node, RelativePath path, const std::string& shownPath);
+    FreshEntry entryOf(const Node& node, RelativePath path, const std::string& shownPath);
     void attach(Node& folder, std::shared_ptr<Node> child, const std::string& name);
     void detach(Node& node);
 

@@ -105,7 +105,7 @@ EndpointRoot FaultInjectingFileSystem::openRoot(const std::string& absolutePath)
     return inner_->openRoot(absolutePath);
 }
 
-FileSystemEntry FaultInjectingFileSystem::entry(const EndpointRoot& root, const RelativePath& path) {
+FreshEntry FaultInjectingFileSystem::entry(const EndpointRoot& root, const RelativePath& path) {
     enter("entry", displayPath(root, path));
     return inner_->entry(root, path);
 }
@@ -234,7 +234,7 @@ CopyOutcome FaultInjectingFileSystem::copyFile(const EndpointRoot& sourceRoot, c
         };
     }
     const std::string sourceShown = displayPath(sourceRoot, sourcePath);
-    const SourceCheck checked = [&](const FileSystemEntry& opened) {
+    const SourceCheck checked = [&](const FreshEntry& opened) {
         if (checkSource) checkSource(opened);
         enter("sourceOpened", sourceShown);
     };
