@@ -32,7 +32,7 @@ std::uint64_t CopyEngineArchiveCopier::copy(const EndpointRoot& destination, con
     action.type = item.isSymbolicLink() ? SyncActionType::createSymlink : SyncActionType::copyNewFile;
     action.relativePath = item.relativePath;
     action.sourceEntry = SharedEntry(item);
-    action.expectedBytes = item.size;
+    action.expectedBytes = SyncAction::heldBytes(item.size);
     const auto isCancelled = [&stop] { return stop.stop_requested(); };
     if (item.isSymbolicLink()) {
         engine.writeSymbolicLink(action, isCancelled);

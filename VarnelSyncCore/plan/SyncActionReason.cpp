@@ -99,7 +99,7 @@ std::string SyncActionReason::text() const {
         Overloaded{
             [](const NotPresentInDestination&) { return std::string(tr("Not in destination")); },
             [](const SizeDiffers& c) {
-                return trFormat("Size differs ({} vs {})", formatByteCount(c.source), formatByteCount(c.destination));
+                return trFormat("Size differs ({} vs {})", formatByteCount(c.source()), formatByteCount(c.destination()));
             },
             [](const SourceIsNewer&) { return std::string(tr("Source is newer")); },
             [](const TimestampsDifferAmbiguously&) {
@@ -137,7 +137,7 @@ std::string SyncActionReason::text() const {
 void to_json(Json& json, const SyncActionReason& reason) {
     Json payload = std::visit(
         Overloaded{
-            [](const R::SizeDiffers& c) { return Json{{"source", c.source}, {"destination", c.destination}}; },
+            [](const R::SizeDiffers& c) { return Json{{"source", c.source()}, {"destination", c.destination()}}; },
             [](const R::SourceIsNewer& c) {
                 return Json{{"sourceTime", c.sourceTime()}, {"destinationTime", c.destinationTime()}};
             },

@@ -23,9 +23,23 @@ public:
         friend bool operator==(const Name&, const Name&) = default;   \
     }
     VARNEL_REASON(NotPresentInDestination, );
-    VARNEL_REASON(SizeDiffers, std::int64_t source; std::int64_t destination;);
-    // A changed file's two modification times, boxed: only changed files carry them, and
-    // held inline they would widen every action of a plan by 8 bytes.
+    // A changed file's two sizes or two modification times, boxed: only changed files
+    // carry them, and held inline they would widen every action of a plan by 8 bytes.
+    class SizeDiffers {
+    public:
+        SizeDiffers(std::int64_t source, std::int64_t destination) : sizes_(Pair{source, destination}) {}
+        std::int64_t source() const { return sizes_->source; }
+        std::int64_t destination() const { return sizes_->destination; }
+        friend bool operator==(const SizeDiffers&, const SizeDiffers&) = default;
+
+    private:
+        struct Pair {
+            std::int64_t source;
+            std::int64_t destination;
+            friend bool operator==(const Pair&, const Pair&) = default;
+        };
+        BoxedOptional<Pair> sizes_;  // always set
+    };
     class FileTimes {
     public:
         FileTimes(FileTimestamp source, FileTimestamp destination) : times_(Pair{source, destination}) {}

@@ -164,7 +164,7 @@ void appendCompactJSON(std::string& out, const SyncAction& action) {
     CompactWriter w(out);
     w.beginObject();
     if (action.destinationEntry) w.field("destinationEntry", *action.destinationEntry);
-    w.field("expectedBytes", action.expectedBytes);
+    w.field("expectedBytes", std::int64_t{action.expectedBytes});
     w.field("reason", Json(action.reason));
     w.field("relativePath", action.relativePath);
     if (action.sourceEntry) w.field("sourceEntry", *action.sourceEntry);
@@ -248,7 +248,7 @@ void to_json(Json& json, const SyncAction& action) {
     json = Json{{"type", toString(action.type)},
                 {"relativePath", action.relativePath},
                 {"reason", action.reason},
-                {"expectedBytes", action.expectedBytes}};
+                {"expectedBytes", std::int64_t{action.expectedBytes}}};
     if (action.sourceEntry) json["sourceEntry"] = *action.sourceEntry;
     if (action.destinationEntry) json["destinationEntry"] = *action.destinationEntry;
 }
@@ -266,7 +266,8 @@ void from_json(const Json& json, SyncAction& action) {
     };
     action.sourceEntry = entryAt("sourceEntry");
     action.destinationEntry = entryAt("destinationEntry");
-    action.expectedBytes = integerAt<std::int64_t>(json, "expectedBytes");
+    action.expectedBytes = asInt64(require(json, "expectedBytes"), "expectedBytes", -SyncAction::kMaxExpectedBytes - 1,
+                                   SyncAction::kMaxExpectedBytes);
 }
 
 void to_json(Json& json, const SyncPlan& plan) {

@@ -99,5 +99,19 @@ TEST(SyncActionJSONTest, CompactTextIsWhatTheDocumentWriterGives) {
     EXPECT_EQ(manyLinks.get<FileSystemEntry>().hardLinkCount, FileSystemEntry::kMaxHardLinkCount);
 }
 
+// An action keeps its byte count in 56 bits: a sparse file claiming exabytes is held at
+// the largest count kept, and a document with a larger one is refused, never cut.
+TEST(SyncActionJSONTest, ByteCountsBeyondWhatAnActionHoldsAreHeldOrRefused) {
+    const SyncAction huge{SyncActionType::copyNewFile, rel("sparse.img"), R::NotPresentInDestination{}, {}, {},
+                          std::numeric_limits<std::int64_t>::max()};
+    EXPECT_EQ(huge.expectedBytes, SyncAction::kMaxExpectedBytes);
+    EXPECT_EQ(huge.type, SyncActionType::copyNewFile);
+    EXPECT_EQ(nlohmann::json(huge).get<SyncAction>(), huge);
+
+    nlohmann::json document = huge;
+    document["expectedBytes"] = SyncAction::kMaxExpectedBytes + 1;
+    EXPECT_THROW((void)document.get<SyncAction>(), DecodingError);
+}
+
 }  // namespace
 }  // namespace varnel
