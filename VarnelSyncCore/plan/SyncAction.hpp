@@ -31,7 +31,8 @@ struct SyncAction {
     SharedEntry sourceEntry;       // the scanned source item, when there is one
     SharedEntry destinationEntry;  // the scanned destination item, when there is one
     // The type and the byte count share one word: a plan holds an action for every
-    // scanned pair. 55 bits count up to 32 PiB, more than any one file.
+    // scanned pair. 55 bits count up to 32 PiB; a sparse file that claims more is held
+    // at that (heldBytes).
     SyncActionType type : 8 = SyncActionType::warning;
     std::int64_t expectedBytes : 56 = 0;  // what the action is expected to write
 

@@ -14,13 +14,12 @@ namespace varnel {
 // One item as seen by a single statx that never follows a final symbolic link, so the
 // fields are consistent with each other.
 struct FileSystemEntry {
-    // A scan holds hundreds of thousands of these, and a plan points at both sides' of
-    // every pair: the members are ordered and narrowed so that one takes 80 bytes, with
-    // the block count, the permission bits, the online-only flag and the kind sharing one
-    // 8-byte word.
+    // A scan holds hundreds of thousands of these, and a plan keeps both scans' entries:
+    // the members are ordered and narrowed so that one takes 80 bytes, with the block
+    // count, the permission bits, the online-only flag and the kind sharing one word.
     RelativePath relativePath;
     std::int64_t size = 0;  // logical size of regular files; 0 for every other kind
-    // 512-byte units. 47 bits count up to 64 PiB per file, more than any volume holds.
+    // 512-byte units: 47 bits count up to 64 PiB, and larger counts are held at that.
     std::int64_t allocatedBlocks : 48 = 0;
     std::uint16_t posixPermissions : 12 = 0;  // mode & 07777
     // Contents live only in the cloud; never set by the Linux file system.

@@ -12,7 +12,7 @@
 namespace varnel {
 
 // A file time as the file system reports it: seconds since 1970 UTC and 0...999,999,999 ns.
-// 12 bytes on a 4-byte boundary: a scanned entry holds three, and a scan holds hundreds
+// 12 bytes on a 4-byte boundary: a scanned entry holds two, and a scan holds hundreds
 // of thousands of entries.
 struct FileTimestamp {
     SplitInt64 seconds = 0;
@@ -30,8 +30,8 @@ struct FileTimestamp {
 };
 static_assert(sizeof(FileTimestamp) == 12);
 
-// An optional time in the room of one: absence is a nanosecond count no time has. A scan
-// holds two per entry, where std::optional would add 8 bytes to each.
+// An optional time in the room of one: absence is a nanosecond count no time has. Every
+// scanned entry holds one, where std::optional would add 8 bytes.
 class OptionalTimestamp {
 public:
     OptionalTimestamp() = default;
