@@ -125,7 +125,7 @@ ExitCode leftoversCommand(Context& context, const LeftoverArguments& arguments) 
                 {"intendedName", leftover.name.intendedName},
                 {"runTag", leftover.name.runTag ? nlohmann::ordered_json(*leftover.name.runTag) : nullptr},
                 {"sizeBytes", leftover.entry.size},
-                {"ageSeconds", nowSeconds - leftover.entry.modificationTime.seconds}};
+                {"ageSeconds", nowSeconds - leftover.entry.modificationTime.seconds()}};
             if (arguments.clean) item["removed"] = static_cast<bool>(wasRemoved[i]);
             list.push_back(std::move(item));
         }
@@ -146,7 +146,7 @@ ExitCode leftoversCommand(Context& context, const LeftoverArguments& arguments) 
                 const RelativePath& path = leftover.entry.relativePath;
                 const std::string folder = path.parent().isRoot() ? "" : std::string(path.parent().value()) + "/";
                 rows.push_back({leftover.name.runTag.value_or("—"),
-                                ageText(nowSeconds - leftover.entry.modificationTime.seconds),
+                                ageText(nowSeconds - leftover.entry.modificationTime.seconds()),
                                 formatByteCount(leftover.entry.size),
                                 std::string(path.value()) + " → " + folder + leftover.name.intendedName});
             }

@@ -143,7 +143,7 @@ private:
         field("inode", entry.inode);
         field("isDataless", entry.isDataless);
         field("kind", entry.kind);
-        field("modificationTime", entry.modificationTime);
+        field("modificationTime", entry.modificationTime.value());
         field("ownerGID", entry.ownerGID);
         field("ownerUID", entry.ownerUID);
         field("posixPermissions", std::uint16_t{entry.posixPermissions});

@@ -4,6 +4,7 @@
 #include "model/RelativePath.hpp"
 #include "scan/EntryKind.hpp"
 #include "scan/FileTimestamp.hpp"
+#include "scan/PackedTimestamp.hpp"
 
 #include <cstdint>
 #include <optional>
@@ -15,8 +16,9 @@ namespace varnel {
 // fields are consistent with each other.
 struct FileSystemEntry {
     // A scan holds hundreds of thousands of these, and a plan keeps both scans' entries:
-    // the members are ordered and narrowed so that one takes 80 bytes, with the block
-    // count, the permission bits, the online-only flag and the kind sharing one word.
+    // the members are ordered and narrowed so that one takes 72 bytes, with the block
+    // count, the permission bits, the online-only flag and the kind sharing one word, and
+    // each time in a word of its own.
     RelativePath relativePath;
     std::int64_t size = 0;  // logical size of regular files; 0 for every other kind
     // 512-byte units: 47 bits count up to 64 PiB, and larger counts are held at that.
@@ -27,8 +29,8 @@ struct FileSystemEntry {
     EntryKind kind : 2 = EntryKind::regularFile;
     BoxedOptional<std::string> symlinkTarget;  // links only; absent when readlink failed
     std::uint64_t inode = 0;
-    FileTimestamp modificationTime;
-    OptionalTimestamp creationTime;  // absent where the file system keeps no birth time
+    PackedTimestamp modificationTime;
+    OptionalPackedTimestamp creationTime;  // absent where the file system keeps no birth time
     // st_dev. The kernel keeps device numbers in 32 bits (a 12-bit major and a 20-bit
     // minor on Linux, whose makedev encoding fits 32 bits too; macOS's dev_t is 32 bits).
     std::uint32_t deviceID = 0;
@@ -49,7 +51,7 @@ struct FileSystemEntry {
 
     friend bool operator==(const FileSystemEntry&, const FileSystemEntry&) = default;
 };
-static_assert(sizeof(void*) != 8 || sizeof(FileSystemEntry) == 80);
+static_assert(sizeof(void*) != 8 || sizeof(FileSystemEntry) == 72);
 
 // An entry read just now, with the change time (st_ctime) that a stored one leaves out.
 // A write moves it even when the size stays and the modification time is set back, and

@@ -12,8 +12,8 @@
 namespace varnel {
 
 // A file time as the file system reports it: seconds since 1970 UTC and 0...999,999,999 ns.
-// 12 bytes on a 4-byte boundary: a scanned entry holds two, and a scan holds hundreds
-// of thousands of entries.
+// 12 bytes on a 4-byte boundary; a scanned entry keeps its times packed tighter still
+// (PackedTimestamp).
 struct FileTimestamp {
     SplitInt64 seconds = 0;
     std::int32_t nanoseconds = 0;
@@ -30,8 +30,8 @@ struct FileTimestamp {
 };
 static_assert(sizeof(FileTimestamp) == 12);
 
-// An optional time in the room of one: absence is a nanosecond count no time has. Every
-// scanned entry holds one, where std::optional would add 8 bytes.
+// An optional time in the room of one: absence is a nanosecond count no time has, where
+// std::optional would add 4 bytes.
 class OptionalTimestamp {
 public:
     OptionalTimestamp() = default;

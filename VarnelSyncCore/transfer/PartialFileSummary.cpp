@@ -15,7 +15,7 @@ PartialFileSummary PartialFileSummary::of(const std::vector<FileSystemEntry>& st
         if (!parsed) continue;
         ++summary.count;
         summary.totalBytes = checkedAdd(summary.totalBytes, item.size, "leftover staging bytes");
-        if (nowSeconds - item.modificationTime.seconds > kOldAgeSeconds) ++summary.olderThanADay;
+        if (nowSeconds - item.modificationTime.seconds() > kOldAgeSeconds) ++summary.olderThanADay;
         ++summary.byRun[parsed->runTag.value_or("")];
     }
     return summary;

@@ -25,7 +25,7 @@ TEST(SyncActionJSONTest, CompactTextIsWhatTheDocumentWriterGives) {
     full.kind = EntryKind::symbolicLink;
     full.size = std::numeric_limits<std::int64_t>::max();
     full.allocatedBlocks = FileSystemEntry::kMaxAllocatedBlocks;
-    full.modificationTime = {-1, 999'999'999};
+    full.modificationTime = FileTimestamp{-1, 999'999'999};
     full.creationTime = FileTimestamp{1'700'000'000, 0};
     full.symlinkTarget = "../target\n\x01";
     full.deviceID = std::numeric_limits<std::uint32_t>::max();

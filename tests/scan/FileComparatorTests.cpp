@@ -11,7 +11,7 @@ FileSystemEntry file(std::int64_t size, std::int64_t seconds, std::int32_t nanos
     FileSystemEntry entry;
     entry.kind = EntryKind::regularFile;
     entry.size = size;
-    entry.modificationTime = {seconds, nanoseconds};
+    entry.modificationTime = FileTimestamp{seconds, nanoseconds};
     return entry;
 }
 

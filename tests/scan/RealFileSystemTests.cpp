@@ -166,8 +166,8 @@ TEST_F(RealFileSystemTest, SetsMetadataOnTheItemNeverOnALinkTarget) {
     EXPECT_EQ(chmodLink.errnoValue(), EOPNOTSUPP);
     fs.setTimes(root, rel("link"), FileTimestamp{1'000'000'000, 0});
     EXPECT_EQ(fs.entry(root, rel("file")).posixPermissions, 0600);
-    EXPECT_EQ(fs.entry(root, rel("file")).modificationTime.seconds, 1'600'000'000);
-    EXPECT_EQ(fs.entry(root, rel("link")).modificationTime.seconds, 1'000'000'000);
+    EXPECT_EQ(fs.entry(root, rel("file")).modificationTime.seconds(), 1'600'000'000);
+    EXPECT_EQ(fs.entry(root, rel("link")).modificationTime.seconds(), 1'000'000'000);
 
     if (::setxattr(path("file").c_str(), "user.varnel", "value", 5, 0) != 0) {
         GTEST_SKIP() << "the temporary folder's file system has no user extended attributes";
