@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <cstdint>
 #include <new>
 #include <utility>
 
@@ -10,16 +11,22 @@ namespace varnel {
 namespace {
 
 // Chunks come straight from the system, not from malloc: a freed chunk must give its
-// pages back at once, where malloc may keep a block of this size for itself.
+// pages back at once, where malloc may keep a block of this size for itself. A chunk is
+// aligned to its size: twice the room is mapped and what lies outside is given back.
 void* mapChunk(std::size_t size) {
-    void* memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* memory = ::mmap(nullptr, 2 * size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) throw std::bad_alloc();
-    return memory;
+    const auto start = reinterpret_cast<std::uintptr_t>(memory);
+    const std::uintptr_t aligned = (start + size - 1) & ~(std::uintptr_t{size} - 1);
+    if (aligned > start) ::munmap(memory, aligned - start);
+    const std::uintptr_t end = start + 2 * size;
+    if (end > aligned + size) ::munmap(reinterpret_cast<void*>(aligned + size), end - (aligned + size));
+    return reinterpret_cast<void*>(aligned);
 }
 
 }  // namespace
 
-void* PathArena::allocate(std::size_t bytes, std::uint32_t& offsetToChunk) {
+void* PathArena::allocate(std::size_t bytes) {
     bytes = (bytes + 3) & ~std::size_t{3};
     if (bytes > kChunkSize - sizeof(ChunkHeader)) return nullptr;
     if (kChunkSize - used_ < bytes) {
@@ -29,7 +36,6 @@ void* PathArena::allocate(std::size_t bytes, std::uint32_t& offsetToChunk) {
         current_ = fresh;
         used_ = sizeof(ChunkHeader);
     }
-    offsetToChunk = static_cast<std::uint32_t>(used_);
     void* room = reinterpret_cast<char*>(current_) + used_;
     used_ += bytes;
     current_->references.fetch_add(1, std::memory_order_relaxed);
@@ -41,8 +47,9 @@ void PathArena::close() {
     release();
 }
 
-PathArena::ChunkHeader& PathArena::chunkOf(const void* text, std::uint32_t offsetToChunk) {
-    return *reinterpret_cast<ChunkHeader*>(const_cast<char*>(static_cast<const char*>(text)) - offsetToChunk);
+PathArena::ChunkHeader& PathArena::chunkOf(const void* text) {
+    const auto address = reinterpret_cast<std::uintptr_t>(text);
+    return *reinterpret_cast<ChunkHeader*>(address & ~(std::uintptr_t{kChunkSize} - 1));
 }
 
 void PathArena::releaseChunk(ChunkHeader& chunk) {
@@ -53,12 +60,12 @@ void PathArena::releaseChunk(ChunkHeader& chunk) {
     owner->release();
 }
 
-void PathArena::retain(const void* text, std::uint32_t offsetToChunk) {
-    chunkOf(text, offsetToChunk).references.fetch_add(1, std::memory_order_relaxed);
+void PathArena::retain(const void* text) {
+    chunkOf(text).references.fetch_add(1, std::memory_order_relaxed);
 }
 
-void PathArena::release(const void* text, std::uint32_t offsetToChunk) {
-    releaseChunk(chunkOf(text, offsetToChunk));
+void PathArena::release(const void* text) {
+    releaseChunk(chunkOf(text));
 }
 
 }  // namespace varnel

@@ -33,13 +33,13 @@ public:
 
     // Room for `bytes` (4-byte aligned) and a reference for the path that will use it;
     // null when the text is too large for a chunk (the caller then uses the heap).
-    // `offsetToChunk` receives how far the room lies from its chunk's start.
-    void* allocate(std::size_t bytes, std::uint32_t& offsetToChunk);
+    void* allocate(std::size_t bytes);
 
-    // Adds or drops the reference of one path whose text lies `offsetToChunk` bytes into
-    // one of an arena's chunks.
-    static void retain(const void* text, std::uint32_t offsetToChunk);
-    static void release(const void* text, std::uint32_t offsetToChunk);
+    // Adds or drops the reference of one path whose text starts at `text`, in one of an
+    // arena's chunks. Chunks are aligned to their size, so the address alone finds the
+    // chunk and a text needs no room to say where it lies.
+    static void retain(const void* text);
+    static void release(const void* text);
 
     // How many chunks have not gone back yet (the one being filled included), while the
     // handle lives: every reference but the handle's is a chunk's.
@@ -55,7 +55,7 @@ private:
 
     PathArena() = default;
     ~PathArena() = default;
-    static ChunkHeader& chunkOf(const void* text, std::uint32_t offsetToChunk);
+    static ChunkHeader& chunkOf(const void* text);
     static void releaseChunk(ChunkHeader& chunk);
     // The handle is gone: no path will be made in the current chunk any more.
     void close();

@@ -17,16 +17,19 @@ RelativePath::Text* RelativePath::Text::make(std::string_view parent, std::strin
     const std::size_t size = parent.empty() ? name.size() : parent.size() + 1 + name.size();
     // The top bits of the size are flags, so sizes stay below them.
     if (size >= kInArena || canonical.size() >= kInArena) throw std::length_error("Path too long.");
+    static_assert(sizeof(Text) == sizeof(std::uint32_t), "a text in an arena costs its size word alone");
     std::size_t bytes = sizeof(Text) + size;
     if (!canonical.empty()) bytes += sizeof(std::uint32_t) + canonical.size();
-    std::uint32_t offsetToChunk = 0;
-    void* memory = arena ? arena->allocate(bytes, offsetToChunk) : nullptr;
+    void* memory = arena ? arena->allocate(bytes) : nullptr;
     const bool inArena = memory != nullptr;
-    if (!inArena) memory = std::malloc(bytes);
-    if (!memory) throw std::bad_alloc();
+    if (!inArena) {
+        void* block = std::malloc(sizeof(Count) + bytes);
+        if (!block) throw std::bad_alloc();
+        new (block) Count(1);
+        memory = static_cast<char*>(block) + sizeof(Count);
+    }
     Text* text = new (memory) Text;
     text->size_ = static_cast<std::uint32_t>(size) | (canonical.empty() ? 0 : kHasCanonical) | (inArena ? kInArena : 0);
-    if (inArena) text->word_.store(offsetToChunk, std::memory_order_relaxed);
     char* out = reinterpret_cast<char*>(text + 1);
     if (!parent.empty()) {
         std::memcpy(out, parent.data(), parent.size());
@@ -45,17 +48,18 @@ RelativePath::Text* RelativePath::Text::make(std::string_view parent, std::strin
 
 void RelativePath::Text::retain() {
     if (inArena()) {
-        PathArena::retain(this, word_.load(std::memory_order_relaxed));
+        PathArena::retain(this);
     } else {
-        word_.fetch_add(1, std::memory_order_relaxed);
+        references()->fetch_add(1, std::memory_order_relaxed);
     }
 }
 
 void RelativePath::Text::release() {
     if (inArena()) {
-        PathArena::release(this, word_.load(std::memory_order_relaxed));
-    } else if (word_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        std::free(this);
+        PathArena::release(this);
+    } else if (Count* count = references(); count->fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        count->~Count();
+        std::free(count);
     }
 }
 

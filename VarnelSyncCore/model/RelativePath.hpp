@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -75,8 +76,9 @@ private:
     // One immutable block per path, shared by every copy: a plan, its log records and
     // its warnings name the same hundreds of thousands of paths a scan holds, and each
     // copy costs a reference count instead of a string. The value's bytes follow the
-    // header; when the canonical form differs (rare), its size and bytes follow them. A
-    // block lives on the heap with its own count, or in a PathArena that counts for it.
+    // size word; when the canonical form differs (rare), its size and bytes follow them.
+    // A block lives in a PathArena that counts for it, or on the heap behind a reference
+    // count of its own (the 4 bytes before the text).
     class Text {
     public:
         // The value is `parent` + "/" + `name`, or `name` alone when `parent` is empty.
@@ -93,10 +95,12 @@ private:
     private:
         static constexpr std::uint32_t kHasCanonical = 0x8000'0000U;
         static constexpr std::uint32_t kInArena = 0x4000'0000U;
+        using Count = std::atomic<std::uint32_t>;
         bool inArena() const { return (size_ & kInArena) != 0; }
-        // A heap block's reference count; for a block in an arena, its fixed distance
-        // from the start of its chunk.
-        std::atomic<std::uint32_t> word_{1};
+        // A heap block's count and the start of its allocation.
+        Count* references() {
+            return std::launder(reinterpret_cast<Count*>(reinterpret_cast<char*>(this) - sizeof(Count)));
+        }
         std::uint32_t size_ = 0;
     };
 
