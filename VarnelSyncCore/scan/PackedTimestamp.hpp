@@ -13,8 +13,9 @@ namespace detail {
 
 // One word that holds a file time, or no time (0). A time from late 1823 to early 2116,
 // which is every time a camera, an editor or a sane clock writes, is kept inline as its
-// count of nanoseconds since 1970 with the low bit set; any other valid time (a broken
-// clock's, or a file system's "year 1601") lives behind a pointer, whose low bit is clear.
+// count of nanoseconds since 1970 with the low bit set; any other (a broken clock's, a
+// file system's "year 1601", a nanosecond count out of range) lives behind a pointer,
+// whose low bit is clear, and comes back exactly as given.
 // Every scanned entry holds two times, and a scan holds hundreds of thousands of entries:
 // a word takes 8 bytes where a FileTimestamp takes 12.
 class TimestampWord {
@@ -35,22 +36,35 @@ public:
     }
 };
 
+// Owns a word: a copy copies a boxed time, and each owner frees its own. A word moved
+// from holds kMovedFrom.
+template <std::uint64_t kMovedFrom>
+class OwnedTimestampWord {
+public:
+    OwnedTimestampWord(const OwnedTimestampWord& other) : word_(TimestampWord::copy(other.word_)) {}
+    OwnedTimestampWord(OwnedTimestampWord&& other) noexcept : word_(std::exchange(other.word_, kMovedFrom)) {}
+    OwnedTimestampWord& operator=(OwnedTimestampWord other) noexcept {
+        std::swap(word_, other.word_);
+        return *this;
+    }
+    ~OwnedTimestampWord() { TimestampWord::release(word_); }
+
+protected:
+    explicit OwnedTimestampWord(std::uint64_t word) : word_(word) {}
+    std::uint64_t word_;
+};
+
+inline constexpr std::uint64_t kZeroTimeWord = 1;  // 1970-01-01 00:00:00 UTC, inline
+
 }  // namespace detail
 
 // A file time in one word, for the modification time every scanned entry holds. Reads
 // give a FileTimestamp by value; the interface is that of the time it holds.
-class PackedTimestamp {
+class PackedTimestamp : private detail::OwnedTimestampWord<detail::kZeroTimeWord> {
 public:
-    PackedTimestamp() : PackedTimestamp(FileTimestamp{}) {}
+    PackedTimestamp() : OwnedTimestampWord(detail::kZeroTimeWord) {}
     PackedTimestamp(const FileTimestamp& time)  // NOLINT(google-explicit-constructor): holds a time
-        : word_(detail::TimestampWord::encode(time)) {}
-    PackedTimestamp(const PackedTimestamp& other) : word_(detail::TimestampWord::copy(other.word_)) {}
-    PackedTimestamp(PackedTimestamp&& other) noexcept : word_(std::exchange(other.word_, kZeroTime)) {}
-    PackedTimestamp& operator=(PackedTimestamp other) noexcept {
-        std::swap(word_, other.word_);
-        return *this;
-    }
-    ~PackedTimestamp() { detail::TimestampWord::release(word_); }
+        : OwnedTimestampWord(detail::TimestampWord::encode(time)) {}
 
     FileTimestamp value() const { return detail::TimestampWord::decode(word_); }
     operator FileTimestamp() const { return value(); }  // NOLINT(google-explicit-constructor)
@@ -66,31 +80,18 @@ public:
     friend std::strong_ordering operator<=>(const PackedTimestamp& a, const FileTimestamp& b) {
         return a.value() <=> b;
     }
-
-private:
-    static constexpr std::uint64_t kZeroTime = 1;  // 1970-01-01 00:00:00 UTC, inline
-    std::uint64_t word_;
 };
 
 // An optional file time in one word, for the birth time every scanned entry holds. The
 // interface is the part of std::optional in use; `*` gives the time by value.
-class OptionalPackedTimestamp {
+class OptionalPackedTimestamp : private detail::OwnedTimestampWord<detail::TimestampWord::kAbsent> {
 public:
-    OptionalPackedTimestamp() = default;
-    OptionalPackedTimestamp(std::nullopt_t) {}  // NOLINT(google-explicit-constructor)
+    OptionalPackedTimestamp() : OwnedTimestampWord(detail::TimestampWord::kAbsent) {}
+    OptionalPackedTimestamp(std::nullopt_t) : OptionalPackedTimestamp() {}  // NOLINT(google-explicit-constructor)
     OptionalPackedTimestamp(const FileTimestamp& time)  // NOLINT(google-explicit-constructor)
-        : word_(detail::TimestampWord::encode(time)) {}
+        : OwnedTimestampWord(detail::TimestampWord::encode(time)) {}
     OptionalPackedTimestamp(const std::optional<FileTimestamp>& time)  // NOLINT(google-explicit-constructor)
-        : word_(time ? detail::TimestampWord::encode(*time) : detail::TimestampWord::kAbsent) {}
-    OptionalPackedTimestamp(const OptionalPackedTimestamp& other)
-        : word_(detail::TimestampWord::copy(other.word_)) {}
-    OptionalPackedTimestamp(OptionalPackedTimestamp&& other) noexcept
-        : word_(std::exchange(other.word_, detail::TimestampWord::kAbsent)) {}
-    OptionalPackedTimestamp& operator=(OptionalPackedTimestamp other) noexcept {
-        std::swap(word_, other.word_);
-        return *this;
-    }
-    ~OptionalPackedTimestamp() { detail::TimestampWord::release(word_); }
+        : OwnedTimestampWord(time ? detail::TimestampWord::encode(*time) : detail::TimestampWord::kAbsent) {}
 
     bool has_value() const { return word_ != detail::TimestampWord::kAbsent; }
     explicit operator bool() const { return has_value(); }
@@ -99,9 +100,6 @@ public:
     friend bool operator==(const OptionalPackedTimestamp& a, const OptionalPackedTimestamp& b) {
         return detail::TimestampWord::equal(a.word_, b.word_);
     }
-
-private:
-    std::uint64_t word_ = detail::TimestampWord::kAbsent;
 };
 
 void to_json(nlohmann::json& json, const PackedTimestamp& timestamp);
