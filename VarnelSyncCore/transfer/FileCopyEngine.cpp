@@ -218,19 +218,25 @@ public:
     }
 
     // Steps 8 and 9: the folder flush after the commit, then the outcome. A failure here
-    // is a warning: the file is in place.
-    void finish(const FlushResult& fileFlush, FileResult& result) const {
-        FlushResult folderFlush;
-        try {
-            folderFlush = engine_.flusher->flushDirectory(destination_.root, destination_.path.parent(),
-                                                          engine_.durabilityMode);
-        } catch (const DurabilityError& error) {
-            result.durabilityWarning = error;
-        }
+    // is a warning: the file is in place. Under FolderFlush::byCaller the outcome is the
+    // file flush's alone until the caller settles it.
+    void finish(const FlushResult& fileFlush, FileResult& result, FileCopyEngine::FolderFlush folderFlush) const {
         result.durabilityOutcome =
-            chooseDurabilityOutcome(engine_.durabilityMode, result.durabilityWarning.has_value(),
-                                    fileFlush.fellBackFromFullFlush || folderFlush.fellBackFromFullFlush);
-        result.flushSeconds = fileFlush.seconds + folderFlush.seconds;
+            chooseDurabilityOutcome(engine_.durabilityMode, false, fileFlush.fellBackFromFullFlush);
+        result.flushSeconds = fileFlush.seconds;
+        if (folderFlush == FileCopyEngine::FolderFlush::byCaller) return;
+        engine_.settle(result, flushFolder(engine_, destination_.root, destination_.path.parent()));
+    }
+
+    static FileCopyEngine::FolderFlushResult flushFolder(const FileCopyEngine& engine, const EndpointRoot& root,
+                                                         const RelativePath& folder) {
+        FileCopyEngine::FolderFlushResult result;
+        try {
+            result.flush = engine.flusher->flushDirectory(root, folder, engine.durabilityMode);
+        } catch (const DurabilityError& error) {
+            result.error = error;
+        }
+        return result;
     }
 
 private:
@@ -271,7 +277,8 @@ private:
 }  // namespace
 
 FileResult FileCopyEngine::copyFile(const SyncAction& action, const ProgressCallback& progress,
-                                    const CancellationCheck& isCancelled, const SourceCheck& sourceAsPlanned) const {
+                                    const CancellationCheck& isCancelled, const SourceCheck& sourceAsPlanned,
+                                    FolderFlush folderFlush) const {
     const RelativePath& path = action.relativePath;
     if (!action.sourceEntry) {
         throw SyncError(SyncError::CopyFailed{path, EINVAL, tr("The plan entry carried no source information.")});
@@ -347,8 +354,8 @@ FileResult FileCopyEngine::copyFile(const SyncAction& action, const ProgressCall
     run.commit(staging, renameModeFor(action.type));
     guard.disarm();
     testhooks::reached(testhooks::CommitStep::rename);
-    run.finish(fileFlush, result);
-    testhooks::reached(testhooks::CommitStep::flushFolder);
+    run.finish(fileFlush, result, folderFlush);
+    if (folderFlush == FolderFlush::afterEachFile) testhooks::reached(testhooks::CommitStep::flushFolder);
     return result;
 }
 
@@ -407,8 +414,22 @@ FileResult FileCopyEngine::writeSymbolicLink(const SyncAction& action, const Can
 
     run.commit(staging, renameModeFor(action.type));
     guard.disarm();
-    run.finish(FlushResult{}, result);
+    run.finish(FlushResult{}, result, FolderFlush::afterEachFile);
     return result;
+}
+
+FileCopyEngine::FolderFlushResult FileCopyEngine::flushFolder(const RelativePath& folder) const {
+    FolderFlushResult result = CopyRun::flushFolder(*this, destinationRoot, folder);
+    testhooks::reached(testhooks::CommitStep::flushFolder);
+    return result;
+}
+
+void FileCopyEngine::settle(FileResult& result, const FolderFlushResult& folder) const {
+    if (folder.error) result.durabilityWarning = folder.error;
+    const bool fellBack = result.durabilityOutcome == DurabilityOutcome::durableFullFlushUnsupported ||
+                          folder.flush.fellBackFromFullFlush;
+    result.durabilityOutcome = chooseDurabilityOutcome(durabilityMode, folder.error.has_value(), fellBack);
+    result.flushSeconds += folder.flush.seconds;
 }
 
 }  // namespace varnel

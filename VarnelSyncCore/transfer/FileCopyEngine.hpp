@@ -81,13 +81,35 @@ struct FileCopyEngine {
     // The same for a destination file at `destinationPath` below `root` (its folder, say).
     StagingLocation stagingLocation(const EndpointRoot& root, const RelativePath& destinationPath) const;
 
+    // Who flushes the folder that a file was renamed into.
+    enum class FolderFlush {
+        afterEachFile,  // copyFile itself, so its result is final
+        // The caller, once for several files it committed into one folder one after the
+        // other: flushFolder after the last rename, then settle for each result. Every
+        // file's data is still flushed before its rename, and its folder after it.
+        byCaller,
+    };
+
+    // What one folder flush after some commits came to.
+    struct FolderFlushResult {
+        FlushResult flush;
+        std::optional<DurabilityError> error;  // the folder could not be opened or flushed
+    };
+
     // Copies the regular file of a copyNewFile or replaceChangedFile action. A new file
     // is committed by a rename that never replaces (an item that appeared at its path
     // meanwhile stays untouched); an update replaces the old file atomically.
     // `sourceAsPlanned`, when given, is asked about the source as opened, before the
     // engine's own check and before anything is written; what it throws passes through.
     FileResult copyFile(const SyncAction& action, const ProgressCallback& progress,
-                        const CancellationCheck& isCancelled, const SourceCheck& sourceAsPlanned = {}) const;
+                        const CancellationCheck& isCancelled, const SourceCheck& sourceAsPlanned = {},
+                        FolderFlush folderFlush = FolderFlush::afterEachFile) const;
+
+    // Flushes a destination folder as the durability mode asks (nothing in Fast mode).
+    FolderFlushResult flushFolder(const RelativePath& folder) const;
+    // Completes a result that copyFile returned under FolderFlush::byCaller with the flush
+    // of its folder: its outcome, warning and flush time.
+    void settle(FileResult& result, const FolderFlushResult& folder) const;
 
     // Recreates the symbolic link of a createSymlink or replaceSymlink action with the
     // same target text, never following it, through a staging name and a rename that

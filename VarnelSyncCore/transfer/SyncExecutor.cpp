@@ -161,10 +161,15 @@ private:
     // other; in different folders they do not. A long run is cut so that a large flat
     // folder still spreads. Larger files cost their data, which copies share out well
     // within one folder.
+    //
+    // In Durable and Maximum mode a run of small files flushes its folder once, after its
+    // last rename, instead of once per file: each file's data is still flushed before its
+    // rename and its folder after it, and a file is recorded only once both are done.
     void runBatch(const TransferScheduler::Batch& batch) {
         const auto& actions = batch.actions;
-        const std::size_t longestRun =
-            batch.sizeClass == TransferScheduler::SizeClass::small ? kLongestFolderRun : 1;
+        const bool small = batch.sizeClass == TransferScheduler::SizeClass::small;
+        const std::size_t longestRun = small ? kLongestFolderRun : 1;
+        const bool sharesFolderFlush = small && c_.copyEngine.durabilityMode != DurabilityMode::fast;
         std::vector<std::size_t> runStarts;
         for (std::size_t i = 0; i < actions.size(); ++i) {
             if (runStarts.empty() || i - runStarts.back() >= longestRun ||
@@ -174,8 +179,39 @@ private:
         }
         runStarts.push_back(actions.size());
         inParallel(runStarts.size() - 1, c_.scheduler.concurrency(batch.sizeClass), [&](std::size_t run) {
-            for (std::size_t i = runStarts[run]; i < runStarts[run + 1] && !stopped(); ++i) performTransfer(actions[i]);
+            std::vector<AwaitingFolderFlush> awaiting;
+            for (std::size_t i = runStarts[run]; i < runStarts[run + 1] && !stopped(); ++i) {
+                performTransfer(actions[i], sharesFolderFlush ? &awaiting : nullptr);
+            }
+            // Even after a stop: these files are in place, and their folder is owed its flush.
+            flushFolderOf(awaiting);
         });
+    }
+
+    // A file renamed into its folder, waiting for that folder's flush to be recorded.
+    struct AwaitingFolderFlush {
+        const SyncAction* action = nullptr;
+        FileResult result;
+        double seconds = 0;  // the copy's own time, up to its rename
+    };
+
+    // One flush for the folder that all of `awaiting` were renamed into, then their records.
+    void flushFolderOf(std::vector<AwaitingFolderFlush>& awaiting) {
+        if (awaiting.empty()) return;
+        FileCopyEngine::FolderFlushResult folder =
+            c_.copyEngine.flushFolder(awaiting.front().action->relativePath.parent());
+        for (AwaitingFolderFlush& file : awaiting) {
+            c_.copyEngine.settle(file.result, folder);
+            folder.flush.seconds = 0;  // the flush's time counts once
+            recordCopied(*file.action, file.result, file.seconds);
+        }
+        awaiting.clear();
+    }
+
+    void recordCopied(const SyncAction& action, const FileResult& result, double seconds) {
+        accumulator_.recordSuccess(action, result.bytesWritten, result.verified, result.metadataProblems, seconds);
+        accumulator_.recordDurability(result.durabilityOutcome, result.flushSeconds, result.durabilityWarning,
+                                      action.relativePath);
     }
 
     enum class OnStop { leaveTheRest, finishAll };
@@ -201,7 +237,9 @@ private:
         for (std::size_t w = 0; w < threadCount; ++w) threads.emplace_back(drain);
     }
 
-    void performTransfer(const SyncAction& action) {
+    // With `awaitingFolderFlush`, a copied file's folder is left for the caller to flush
+    // (links flush theirs at once: they are rare).
+    void performTransfer(const SyncAction& action, std::vector<AwaitingFolderFlush>* awaitingFolderFlush = nullptr) {
         const auto start = c_.clock->nanoseconds();
         const RelativePath& path = action.relativePath;
         if (!action.sourceEntry) {
@@ -228,12 +266,16 @@ private:
                     if (!unchanged(opened, *action.sourceEntry)) throw SourceChangedAfterAnalysis{};
                 };
                 result = c_.copyEngine.copyFile(action, [&](std::int64_t bytes) { sink.add(bytes); }, isCancelled,
-                                                asPlanned);
+                                                asPlanned,
+                                                awaitingFolderFlush ? FileCopyEngine::FolderFlush::byCaller
+                                                                    : FileCopyEngine::FolderFlush::afterEachFile);
             }
             sink.finish();
-            accumulator_.recordSuccess(action, result.bytesWritten, result.verified, result.metadataProblems,
-                                       secondsSince(start));
-            accumulator_.recordDurability(result.durabilityOutcome, result.flushSeconds, result.durabilityWarning, path);
+            if (awaitingFolderFlush && !isLink(action.type)) {
+                awaitingFolderFlush->push_back({&action, std::move(result), secondsSince(start)});
+            } else {
+                recordCopied(action, result, secondsSince(start));
+            }
             progress_.finishItem(path, ProgressAggregator::ItemOutcome::completed);
         } catch (const SyncError& error) {
             sink.finish();

@@ -2,13 +2,16 @@
 #include "plan/SyncPlanner.hpp"
 #include "scan/RealFileSystem.hpp"
 #include "scan/SyncScanner.hpp"
+#include "support/FaultInjectingFlusher.hpp"
 #include "support/SyncChecker.hpp"
 #include "support/TemporaryDirectory.hpp"
 #include "transfer/POSIXFileFlusher.hpp"
+#include "transfer/PartialFileNaming.hpp"
 #include "transfer/SyncExecutor.hpp"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -113,6 +116,33 @@ private:
     std::map<std::string, int> inside_, mostAtOnce_;
 };
 
+// Counts, at each folder flush, the committed files the folder holds by then.
+class FolderCountingFlusher final : public FileFlushing {
+public:
+    FlushResult flushFile(const EndpointRoot&, const RelativePath&, DurabilityMode, std::uint64_t) override {
+        return {};
+    }
+    FlushResult flushDirectory(const EndpointRoot& root, const RelativePath& path, DurabilityMode) override {
+        const fs::path folder = displayPath(root, path);
+        const auto held = std::count_if(fs::directory_iterator(folder), fs::directory_iterator(), [](const auto& item) {
+            return !PartialFileNaming::isStagingName(item.path().filename().string());
+        });
+        const std::lock_guard lock(mutex_);
+        seen_.emplace_back(folder.filename().string(), static_cast<int>(held));
+        return {};
+    }
+    std::vector<std::pair<std::string, int>> seen() const {
+        const std::lock_guard lock(mutex_);
+        auto sorted = seen_;
+        std::sort(sorted.begin(), sorted.end());
+        return sorted;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::pair<std::string, int>> seen_;
+};
+
 TEST_F(ExecutorTest, MirrorCopiesAndArchivesDestinationOnlyItemsUnderTheRunFolder) {
     temp.writeFile("src/a/new.txt", "new contents");
     temp.writeFile("src/keep.txt", "same");
@@ -203,6 +233,48 @@ TEST_F(ExecutorTest, ManySmallFilesKeepExactTotalsWithCappedDetail) {
     EXPECT_EQ(execution.result.bytesTransferred, 25'000u);
     EXPECT_EQ(execution.actionResults.size(), RunAccumulator::kMaximumActionResults);
     EXPECT_EQ(execution.result.outcome, SyncRunOutcome::completedWithWarnings) << "the capped-detail warning";
+}
+
+// In Durable mode a worker's run of small files into one folder flushes that folder once,
+// after the run's last rename, and each file's outcome is that flush's.
+TEST_F(ExecutorTest, DurableSmallCopiesFlushTheirFolderOnceAfterTheLastRenameOfTheRun) {
+    for (const std::string folder : {"a", "b", "c"}) {
+        fs::create_directories(destination() / folder);  // existing folders: no flush of created ones
+        for (int i = 0; i < 10; ++i) temp.writeFile("src/" + folder + "/f" + std::to_string(i), "x");
+    }
+    const SyncPlan plan = analyze(SyncMode::update);
+
+    auto counting = std::make_shared<FolderCountingFlusher>();
+    flusher = counting;
+    const auto flushed = run(plan, DurabilityMode::durable).result;
+    EXPECT_EQ(flushed.filesCopied, 30);
+    EXPECT_EQ(flushed.durability.filesDurablyCommitted, 30);
+    const std::vector<std::pair<std::string, int>> once{{"a", 10}, {"b", 10}, {"c", 10}};
+    EXPECT_EQ(counting->seen(), once);
+
+    // The second folder's flush fails: its ten files are in place, each with the warning.
+    for (const std::string folder : {"a", "b", "c"}) {
+        fs::remove_all(destination() / folder);
+        fs::create_directories(destination() / folder);
+    }
+    auto failing = std::make_shared<testing::FaultInjectingFlusher>();
+    failing->failCall(testing::FaultInjectingFlusher::directory, EIO, 2);
+    flusher = failing;
+    const auto uncertain = run(plan, DurabilityMode::durable).result;
+    EXPECT_EQ(uncertain.filesCopied, 30);
+    EXPECT_EQ(uncertain.durability.filesDurablyCommitted, 20);
+    EXPECT_EQ(uncertain.durability.filesUncertainDurability, 10);
+    EXPECT_EQ(std::count_if(uncertain.warnings.begin(), uncertain.warnings.end(),
+                            [](const SyncWarning& warning) {
+                                return warning.category == SyncWarning::Category::durabilityUncertain;
+                            }),
+              10);
+    const auto calls = failing->calls();
+    EXPECT_EQ(std::count_if(calls.begin(), calls.end(), [](const std::string& call) {
+                  return call.starts_with("flushDirectory");
+              }),
+              3);
+    EXPECT_EQ(temp.readFile("dst/b/f9"), "x");
 }
 
 }  // namespace
