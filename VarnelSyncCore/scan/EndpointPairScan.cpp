@@ -19,6 +19,9 @@ EndpointPairScan EndpointPairScan::run(const SyncScanner& scanner, const Side& s
     std::exception_ptr sourceFailure;
     std::exception_ptr destinationFailure;
     std::stop_source destinationStop;
+    // The scan that ends first leaves its processor to the other's read-ahead helpers.
+    std::stop_source sourceHelpers, destinationHelpers;
+    const bool processorFreed = std::thread::hardware_concurrency() > 1;
     {
         const std::stop_callback forwardStop(stop, [&destinationStop] { destinationStop.request_stop(); });
         report(EndpointRole::source, std::nullopt);
@@ -36,10 +39,11 @@ EndpointPairScan EndpointPairScan::run(const SyncScanner& scanner, const Side& s
                             report(EndpointRole::destination, progress);
                         }
                     },
-                    destinationStop.get_token());
+                    destinationStop.get_token(), destinationHelpers.get_token());
             } catch (...) {
                 destinationFailure = std::current_exception();
             }
+            if (processorFreed) sourceHelpers.request_stop();
         });
         try {
             pair.source = scanner.scan(
@@ -48,11 +52,12 @@ EndpointPairScan EndpointPairScan::run(const SyncScanner& scanner, const Side& s
                     const std::lock_guard lock(reporting);
                     report(EndpointRole::source, progress);
                 },
-                stop);
+                stop, sourceHelpers.get_token());
         } catch (...) {
             sourceFailure = std::current_exception();
             destinationStop.request_stop();
         }
+        if (processorFreed) destinationHelpers.request_stop();
         {
             const std::lock_guard lock(reporting);
             sourceDone = true;

@@ -72,14 +72,18 @@ FolderListing FolderReadAhead::readHere(const RelativePath& folder) {
     const std::optional<std::int64_t> after = diskBlocksReadByThisThread();
     // Where the system does not say, the helpers help from the first folder on.
     blocksReadHere_ += before && after ? *after - *before : blocksBeforeHelping_;
-    if (blocksReadHere_ >= blocksBeforeHelping_ && !helpers_.empty()) {
-        {
-            const std::lock_guard lock(mutex_);
-            helping_ = true;
-        }
-        changed_.notify_all();
-    }
+    if (blocksReadHere_ >= blocksBeforeHelping_) startHelping();
     return listing;
+}
+
+void FolderReadAhead::startHelping() {
+    if (helpers_.empty()) return;
+    {
+        const std::lock_guard lock(mutex_);
+        if (helping_) return;
+        helping_ = true;
+    }
+    changed_.notify_all();
 }
 
 void FolderReadAhead::help(std::size_t reader) {

@@ -41,9 +41,10 @@ struct FolderListing {
 // no helper has started yet is read by the scan itself.
 //
 // The helpers start once the scan's own reads have made the disk read
-// `diskBlocksBeforeHelping` blocks (at once for 0): when everything is in cache, reading
-// is work for the processor alone, which the scan's thread does best without handing
-// results between threads.
+// `diskBlocksBeforeHelping` blocks (at once for 0), or when told to (startHelping): when
+// everything is in cache, reading is work for the processor alone, which the scan's
+// thread does best without handing results between threads, unless a processor would
+// otherwise stand idle.
 class FolderReadAhead {
 public:
     // `read` should report problems in the listing rather than throw them. It is called
@@ -61,6 +62,8 @@ public:
     // The listing of the oldest folder added and not yet taken; waits for a helper that is
     // reading it. Rethrows what a reader threw.
     FolderListing take();
+    // Lets the helpers read ahead from now on, whatever the disk does. Safe from any thread.
+    void startHelping();
 
 private:
     struct Slot {

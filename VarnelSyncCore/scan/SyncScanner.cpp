@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <deque>
+#include <stop_token>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -80,7 +81,8 @@ public:
           readAhead_([this](const RelativePath& folder, std::size_t reader) { return readFolder(folder, reader); },
                      readAhead.helpers, readAhead.helpers * kFoldersAheadPerHelper, readAhead.diskBlocksBeforeHelping) {}
 
-    ScanResult run(std::stop_token stop) {
+    ScanResult run(std::stop_token stop, std::stop_token helpersWanted) {
+        const std::stop_callback startHelpers(std::move(helpersWanted), [this] { readAhead_.startHelping(); });
         enqueueRoot();
         while (!pending_.empty()) {
             if (stop.stop_requested()) throw SyncError(SyncError::Cancelled{});
@@ -346,10 +348,11 @@ SyncScanner::SyncScanner(FileSystemProviding& fileSystem, ExclusionEngine exclus
       readAhead_(readAhead) {}
 
 ScanResult SyncScanner::scan(const EndpointRoot& root, EndpointRole role, bool volumeIsCaseSensitive,
-                             const ProgressHandler& onProgress, std::stop_token stop) const {
+                             const ProgressHandler& onProgress, std::stop_token stop,
+                             std::stop_token helpersWanted) const {
     ScanRun run(fileSystem_, exclusions_, progressInterval_, root, role, volumeIsCaseSensitive, onProgress,
                 readAhead_);
-    return run.run(std::move(stop));
+    return run.run(std::move(stop), std::move(helpersWanted));
 }
 
 }  // namespace varnel

@@ -42,9 +42,11 @@ public:
                 std::int64_t progressInterval = kDefaultProgressInterval, ReadAhead readAhead = {});
 
     // Throws SyncError::Cancelled (with no partial result) when `stop` is requested;
-    // every other problem becomes a warning and the scan goes on.
+    // every other problem becomes a warning and the scan goes on. Once `helpersWanted` is
+    // requested, the read-ahead helpers work on a warm cache too: a processor is free.
     ScanResult scan(const EndpointRoot& root, EndpointRole role, bool volumeIsCaseSensitive,
-                    const ProgressHandler& onProgress = {}, std::stop_token stop = {}) const;
+                    const ProgressHandler& onProgress = {}, std::stop_token stop = {},
+                    std::stop_token helpersWanted = {}) const;
 
 private:
     FileSystemProviding& fileSystem_;
