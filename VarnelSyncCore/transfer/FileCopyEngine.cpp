@@ -93,6 +93,18 @@ std::string FileCopyEngine::checksum(const EndpointRoot& root, const RelativePat
 
 namespace {
 
+// A folder flush after commits; its failure is kept in the result, never thrown.
+FileCopyEngine::FolderFlushResult flushFolder(const FileCopyEngine& engine, const EndpointRoot& root,
+                                              const RelativePath& folder) {
+    FileCopyEngine::FolderFlushResult result;
+    try {
+        result.flush = engine.flusher->flushDirectory(root, folder, engine.durabilityMode);
+    } catch (const DurabilityError& error) {
+        result.error = error;
+    }
+    return result;
+}
+
 // An item as a root and a path below it.
 struct ItemAt {
     EndpointRoot root;
@@ -226,17 +238,6 @@ public:
         result.flushSeconds = fileFlush.seconds;
         if (folderFlush == FileCopyEngine::FolderFlush::byCaller) return;
         engine_.settle(result, flushFolder(engine_, destination_.root, destination_.path.parent()));
-    }
-
-    static FileCopyEngine::FolderFlushResult flushFolder(const FileCopyEngine& engine, const EndpointRoot& root,
-                                                         const RelativePath& folder) {
-        FileCopyEngine::FolderFlushResult result;
-        try {
-            result.flush = engine.flusher->flushDirectory(root, folder, engine.durabilityMode);
-        } catch (const DurabilityError& error) {
-            result.error = error;
-        }
-        return result;
     }
 
 private:
@@ -419,7 +420,7 @@ FileResult FileCopyEngine::writeSymbolicLink(const SyncAction& action, const Can
 }
 
 FileCopyEngine::FolderFlushResult FileCopyEngine::flushFolder(const RelativePath& folder) const {
-    FolderFlushResult result = CopyRun::flushFolder(*this, destinationRoot, folder);
+    FolderFlushResult result = varnel::flushFolder(*this, destinationRoot, folder);
     testhooks::reached(testhooks::CommitStep::flushFolder);
     return result;
 }

@@ -77,8 +77,6 @@ protected:
     std::shared_ptr<FileFlushing> flusher;  // the system's when unset
 };
 
-// Takes 1 ms over each staged file's flush and keeps, per destination folder, the most
-// copies it saw in that step at once.
 // Records how many file flushes run at once in each folder. A flush in one of the
 // `awaited` folders waits (up to a second, once per folder) for a second flush to join
 // it, so that copies the engine does run together are seen together even on a loaded
