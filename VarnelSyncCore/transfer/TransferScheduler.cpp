@@ -33,8 +33,10 @@ int TransferScheduler::concurrency(SizeClass sizeClass) const {
     int processorBound = processors;
     switch (sizeClass) {
         case SizeClass::small:
+            // Not bounded by the processors: a small copy mostly waits on metadata work
+            // and, in Durable mode, on its flushes.
             limit = configuration.smallFileConcurrency;
-            processorBound = processors * 2;
+            processorBound = configuration.maximumConcurrency;
             break;
         case SizeClass::medium:
             limit = configuration.mediumFileConcurrency;

@@ -55,10 +55,10 @@ struct TransferScheduler {
 
     // How many copies of the class may run at once, always at least 1:
     // 1. the class's limit, never above maximumConcurrency;
-    // 2. never above a multiple of the processor count: each copy keeps a thread busy
-    //    with system calls and, when verifying, hashing. Small files wait mostly on
-    //    per-file metadata work and flushes, so they get twice the processors; medium
-    //    files one more than the processors; large files one per processor;
+    // 2. for medium and large files, never above the processor count (one more for
+    //    medium files): each such copy keeps a thread busy with reads, writes and, when
+    //    verifying, hashing. Small files wait mostly on per-file metadata work and
+    //    flushes, so they keep their class's limit even on two processors;
     // 3. on one volume, large files run one at a time: a second stream gained nothing
     //    reliable there, and on a rotating disk two interleaved streams turn sequential
     //    transfers into seeks. Small and medium files keep their limits, since their

@@ -63,8 +63,8 @@ TEST(TransferSchedulerTest, ConcurrencyIsBoundedByLimitsProcessorsAndOneVolume) 
     EXPECT_EQ(scheduler.concurrency(SizeClass::small), 6);
     EXPECT_EQ(scheduler.concurrency(SizeClass::large), 1);
 
-    scheduler.processorCount = 0;  // taken as 1
-    EXPECT_EQ(scheduler.concurrency(SizeClass::small), 2);
+    scheduler.processorCount = 0;  // taken as 1; small copies wait rather than compute
+    EXPECT_EQ(scheduler.concurrency(SizeClass::small), 6);
     EXPECT_EQ(scheduler.concurrency(SizeClass::medium), 2);
     EXPECT_EQ(scheduler.concurrency(SizeClass::large), 1);
 
