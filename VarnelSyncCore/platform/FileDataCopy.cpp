@@ -21,6 +21,10 @@ namespace {
 // The read/write fallback moves at most this much per call, through one buffer.
 constexpr std::size_t kFallbackBufferBytes = std::size_t{1} << 20;
 
+// A copy that starts its writeback does so this much at a time: a photo is a few of
+// these, so its writing overlaps its reading instead of all waiting for the flush.
+constexpr std::size_t kWritebackBlockBytes = std::size_t{1} << 20;
+
 // The kernel's ways of saying "copy_file_range cannot do this pair of files".
 bool copyFileRangeRefused(int error) {
     return error == EXDEV || error == EINVAL || error == EOPNOTSUPP || error == ENOSYS;
@@ -40,8 +44,12 @@ bool isTargetError(int error) {
 
 class DataMover {
 public:
-    DataMover(int sourceFd, int targetFd, std::size_t chunkBytes, const CopyProgress& progress)
-        : source_(sourceFd), target_(targetFd), chunkBytes_(std::max<std::size_t>(chunkBytes, 4096)),
+    DataMover(int sourceFd, int targetFd, std::size_t chunkBytes, bool startsWriteback, const CopyProgress& progress)
+        : source_(sourceFd),
+          target_(targetFd),
+          chunkBytes_(std::max<std::size_t>(startsWriteback ? std::min(chunkBytes, kWritebackBlockBytes) : chunkBytes,
+                                            4096)),
+          startsWriteback_(startsWriteback),
           progress_(progress) {}
 
     void report(std::int64_t increment) {
@@ -56,6 +64,9 @@ public:
             std::int64_t moved = 0;
             if (auto failure = moveBlock(position, wanted, moved)) return failure;
             if (moved == 0) return DataCopyFailure{"read", ENODATA, true};  // the source ended early
+            // Not for the last block: the flush that follows writes it at once anyway, and a
+            // small file would pay a system call for nothing.
+            if (startsWriteback_ && position + moved < end) startWriteback(position, moved);
             position += moved;
             if (position < end) testhooks::reached(testhooks::CommitStep::copyData);
             report(moved);
@@ -64,6 +75,16 @@ public:
     }
 
 private:
+    // Advisory: a failure here shows again in the flush, which reports it.
+    void startWriteback(std::int64_t position, std::int64_t bytes) const {
+#ifdef SYNC_FILE_RANGE_WRITE
+        [[maybe_unused]] const int ignored = ::sync_file_range(target_, position, bytes, SYNC_FILE_RANGE_WRITE);
+#else
+        (void)position;
+        (void)bytes;
+#endif
+    }
+
     // Moves up to `wanted` bytes at `position`; `moved` 0 means the source ended.
     std::optional<DataCopyFailure> moveBlock(std::int64_t position, std::size_t wanted, std::int64_t& moved) {
         if (useCopyFileRange_) {
@@ -105,6 +126,7 @@ private:
     int source_;
     int target_;
     std::size_t chunkBytes_;
+    bool startsWriteback_;
     const CopyProgress& progress_;
     bool useCopyFileRange_ = true;
     std::unique_ptr<char[]> buffer_;
@@ -145,8 +167,8 @@ std::optional<DataCopyFailure> nextDataRegion(int fd, std::int64_t offset, std::
 
 std::variant<DataCopied, DataCopyFailure> copyFileData(int sourceFd, int targetFd, std::int64_t size,
                                                        bool mayHaveHoles, bool allowClone, std::size_t chunkBytes,
-                                                       const CopyProgress& progress) {
-    DataMover mover(sourceFd, targetFd, chunkBytes, progress);
+                                                       bool startsWriteback, const CopyProgress& progress) {
+    DataMover mover(sourceFd, targetFd, chunkBytes, startsWriteback, progress);
     mover.report(0);
 
     DataCopied copied;

@@ -37,6 +37,9 @@ struct DataCopyFailure {
 //    pread/pwrite.
 // 3. Where the data stopped short of `size` (a trailing hole), ftruncate writes the final
 //    length.
+// With `startsWriteback`, blocks are at most 1 MiB and the writing of each but the last
+// to the device starts at once (sync_file_range, where the system has it); its errors
+// are left to the flush that follows.
 //
 // `progress` is called with 0 before anything moves, then with each block's bytes
 // (a skipped hole counts as copied); when it returns false, OperationCancelled is
@@ -44,6 +47,6 @@ struct DataCopyFailure {
 // ENODATA rather than being padded with zeros; bytes beyond `size` are not copied.
 std::variant<DataCopied, DataCopyFailure> copyFileData(int sourceFd, int targetFd, std::int64_t size,
                                                        bool mayHaveHoles, bool allowClone, std::size_t chunkBytes,
-                                                       const CopyProgress& progress);
+                                                       bool startsWriteback, const CopyProgress& progress);
 
 }  // namespace varnel

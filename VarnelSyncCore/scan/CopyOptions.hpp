@@ -32,6 +32,10 @@ struct CopyOptions {
     bool allowClone = true;
     // The most bytes moved between two progress reports.
     std::size_t chunkBytes = std::size_t{8} << 20;
+    // Hand each block to the device as soon as it is written (at most 1 MiB at a time),
+    // for a copy that is flushed next: the flush then finds little left to write. It
+    // only starts the writing; the flush still decides and reports its errors.
+    bool startsWriteback = false;
 
     friend bool operator==(const CopyOptions&, const CopyOptions&) = default;
 };

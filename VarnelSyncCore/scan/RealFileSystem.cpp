@@ -523,7 +523,7 @@ CopyOutcome RealFileSystem::copyFile(const EndpointRoot& sourceRoot, const Relat
     // any other is copied as data throughout, without asking where its holes are.
     const bool mayHaveHoles = std::int64_t{status.st_blocks} * 512 < std::int64_t{status.st_size};
     const auto data = copyFileData(input.value().get(), output.get(), status.st_size, mayHaveHoles, clone,
-                                   options.chunkBytes, progress);
+                                   options.chunkBytes, options.startsWriteback, progress);
     if (const auto* failure = std::get_if<DataCopyFailure>(&data)) {
         if (failure->concernsSource) fail(failure->errnoValue, failure->operation, sourceRoot, sourcePath);
         fail(failure->errnoValue, failure->operation, stagingRoot, stagingPath);

@@ -299,7 +299,10 @@ FileResult FileCopyEngine::copyFile(const SyncAction& action, const ProgressCall
     CopyOutcome copied;
     try {
         // Online-only sources are never cloned: their blocks must really be fetched.
-        const CopyOptions options{metadataPolicy, !planned.isDataless, copyChunkBytes};
+        // A copy that is flushed next starts writing to the device while it copies: the
+        // first half of its flush, so the power-cut test's skipped flush skips it too.
+        const bool flushedNext = durabilityMode != DurabilityMode::fast && !testhooks::skipFileFlush();
+        const CopyOptions options{metadataPolicy, !planned.isDataless, copyChunkBytes, flushedNext};
         copied = fileSystem->copyFile(
             source.root, source.path, staging.root, staging.path, options,
             [&](std::int64_t increment) {

@@ -192,6 +192,20 @@ TEST_F(FileCopyTests, AStopRequestEndsTheCopyBetweenBlocks) {
     EXPECT_EQ(statOf(temporary / "dst/.big2").st_size, 0);
 }
 
+TEST_F(FileCopyTests, ACopyThatStartsItsWritebackMovesAtMostOneMegabyteABlock) {
+    const std::string data = patterned((7 << 19) + 5, 3);  // 3.5 MiB and a few bytes
+    temporary.writeFile("src/photo", data);
+    CopyOptions options;  // 8 MiB blocks otherwise
+    options.startsWriteback = true;
+    std::vector<std::int64_t> increments;
+    copy("photo", ".photo", options, [&](std::int64_t increment) {
+        increments.push_back(increment);
+        return true;
+    });
+    EXPECT_EQ(increments, (std::vector<std::int64_t>{0, 1 << 20, 1 << 20, 1 << 20, (1 << 19) + 5}));
+    EXPECT_EQ(temporary.readFile("dst/.photo"), data);
+}
+
 TEST_F(FileCopyTests, ASourceThatShrinksDuringTheCopyFailsInsteadOfBeingPaddedWithZeros) {
     const auto file = temporary.writeFile("src/shrinking", patterned(3 << 20));
     CopyOptions options;
