@@ -36,7 +36,7 @@ int TransferScheduler::concurrency(SizeClass sizeClass) const {
             // Not bounded by the processors: a small copy mostly waits on metadata work
             // and, in Durable mode, on its flushes.
             limit = configuration.smallFileConcurrency;
-            processorBound = configuration.maximumConcurrency;
+            processorBound = limit;
             break;
         case SizeClass::medium:
             limit = configuration.mediumFileConcurrency;
