@@ -98,11 +98,16 @@ enum Attacks : unsigned {
             }
             case 1: {  // links at names the engine will write: staging-like and final names
                 if ((attacks & plantLinks) == 0) break;
-                const std::string staging = destinationFolder + "/." + file + ".varnelsync-partial-" +
-                                            std::to_string(round);
-                ::symlink((outside + "/" + file).c_str(), staging.c_str());
-                ::symlink((outside + "/" + file).c_str(), (destinationFolder + "/" + file).c_str());
-                ::symlink(outside.c_str(), (destinationFolder + "/new-" + file).c_str());
+                // Planted through a descriptor that refuses a link: a swap whose way back
+                // failed (the engine archived the folder meanwhile) leaves the folder's name
+                // a link to outside/, and planting through it would change outside/ ourselves.
+                const int folderFd = ::open(destinationFolder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+                if (folderFd < 0) break;
+                const std::string staging = "." + file + ".varnelsync-partial-" + std::to_string(round);
+                ::symlinkat((outside + "/" + file).c_str(), folderFd, staging.c_str());
+                ::symlinkat((outside + "/" + file).c_str(), folderFd, file.c_str());
+                ::symlinkat(outside.c_str(), folderFd, ("new-" + file).c_str());
+                ::close(folderFd);
                 break;
             }
             case 2: {  // the archive folder, or the folder inside it, becomes a link
