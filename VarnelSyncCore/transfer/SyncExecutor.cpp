@@ -6,8 +6,11 @@
 #include "transfer/ProgressSink.hpp"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 namespace varnel {
@@ -58,6 +61,94 @@ std::ptrdiff_t depthOf(const RelativePath& path) { return std::count(path.value(
 
 // Thrown from the copy's source check when the file no longer matches the plan.
 struct SourceChangedAfterAnalysis {};
+
+// One worker's share of the copies: a medium or large file, or a run of small files of
+// one folder; actions [begin, end) of its batch.
+struct CopyUnit {
+    const TransferScheduler::Batch* batch = nullptr;
+    std::size_t begin = 0;
+    std::size_t end = 0;
+};
+
+// The batches' actions as copy units, in plan order. A small file costs mostly its
+// create and rename, both under its folder's lock, so small copies that share a folder
+// mostly wait for each other: one worker takes a run of them (a long run is cut, so a
+// large flat folder still spreads). Larger files cost their data, which copies share
+// out well within one folder.
+std::vector<CopyUnit> copyUnitsOf(const std::vector<TransferScheduler::Batch>& batches) {
+    std::vector<CopyUnit> units;
+    for (const auto& batch : batches) {
+        const auto& actions = batch.actions;
+        const std::size_t longestRun = batch.sizeClass == TransferScheduler::SizeClass::small ? kLongestFolderRun : 1;
+        for (std::size_t i = 0; i < actions.size(); ++i) {
+            if (units.empty() || units.back().batch != &batch || i - units.back().begin >= longestRun ||
+                parentOf(actions[i].relativePath) != parentOf(actions[i - 1].relativePath)) {
+                units.push_back({&batch, i, i});
+            }
+            units.back().end = i + 1;
+        }
+    }
+    return units;
+}
+
+// Hands out the copy units in plan order, each as soon as its size class has room under
+// the scheduler's limit. When the next unit has to wait, those behind it wait too, so
+// copies still start in plan order; but no batch waits for the whole batch before it
+// to end. Photos of mixed sizes change class every two files or so, and such a wait at
+// each change left one or two copies running, and in Durable mode one flush at a time.
+class CopyAdmission {
+public:
+    CopyAdmission(const std::vector<CopyUnit>& units, const TransferScheduler& scheduler) : units_(units) {
+        int present = 0;
+        for (const auto sizeClass : {SizeClass::small, SizeClass::medium, SizeClass::large}) {
+            limits_[slot(sizeClass)] = scheduler.concurrency(sizeClass);
+            const bool used = std::any_of(units.begin(), units.end(),
+                                          [&](const CopyUnit& unit) { return unit.batch->sizeClass == sizeClass; });
+            if (used) present += limits_[slot(sizeClass)];
+        }
+        // Each worker runs one unit at a time, so their number bounds the copies in flight.
+        const int bound = std::max(1, std::min(present, scheduler.configuration.maximumConcurrency));
+        workers_ = static_cast<int>(std::clamp<std::size_t>(units.size(), 1, static_cast<std::size_t>(bound)));
+    }
+
+    int workers() const { return workers_; }
+
+    // The next unit to run, once its class has room; none when every unit is handed out
+    // or `stopped` says so. A wait always has a unit of its class in flight to end it.
+    template <typename Stopped>
+    std::optional<std::size_t> take(const Stopped& stopped) {
+        std::unique_lock lock(mutex_);
+        while (next_ < units_.size() && !stopped()) {
+            const std::size_t sizeClass = slot(units_[next_].batch->sizeClass);
+            if (inFlight_[sizeClass] < limits_[sizeClass]) {
+                ++inFlight_[sizeClass];
+                return next_++;
+            }
+            roomMade_.wait(lock);
+        }
+        return std::nullopt;
+    }
+
+    void finished(std::size_t unit) {
+        {
+            const std::lock_guard lock(mutex_);
+            --inFlight_[slot(units_[unit].batch->sizeClass)];
+        }
+        roomMade_.notify_all();
+    }
+
+private:
+    using SizeClass = TransferScheduler::SizeClass;
+    static std::size_t slot(SizeClass sizeClass) { return static_cast<std::size_t>(sizeClass); }
+
+    const std::vector<CopyUnit>& units_;
+    std::array<int, 3> limits_{};
+    int workers_ = 1;
+    std::mutex mutex_;
+    std::condition_variable roomMade_;
+    std::size_t next_ = 0;
+    std::array<int, 3> inFlight_{};
+};
 
 }  // namespace
 
@@ -148,44 +239,32 @@ private:
         std::vector<SyncAction> ordered;
         ordered.reserve(copies.size());
         for (const SyncAction* action : copies) ordered.push_back(*action);
-        for (const auto& batch : c_.scheduler.batches(std::move(ordered))) {
-            if (stopped()) break;
-            runBatch(batch);
-        }
+        const auto batches = c_.scheduler.batches(std::move(ordered));
+        const std::vector<CopyUnit> units = copyUnitsOf(batches);
+        CopyAdmission admission(units, c_.scheduler);
+        const auto work = [&] {
+            while (const auto unit = admission.take([this] { return stopped(); })) {
+                runUnit(units[*unit]);
+                admission.finished(*unit);
+            }
+        };
+        std::vector<std::jthread> helpers;
+        for (int helper = 1; helper < admission.workers(); ++helper) helpers.emplace_back(work);
+        work();
     }
 
-    // Runs one batch with its class's concurrency: workers take the next action, or for
-    // small files the next run of them in one folder, in plan order, until the batch is
-    // done or the run is stopped. A small file costs mostly its create and rename, both
-    // under its folder's lock, so small copies that share a folder mostly wait for each
-    // other; in different folders they do not. A long run is cut so that a large flat
-    // folder still spreads. Larger files cost their data, which copies share out well
-    // within one folder.
-    //
     // In Durable and Maximum mode a run of small files flushes its folder once, after its
     // last rename, instead of once per file: each file's data is still flushed before its
     // rename and its folder after it, and a file is recorded only once both are done.
-    void runBatch(const TransferScheduler::Batch& batch) {
-        const auto& actions = batch.actions;
-        const bool small = batch.sizeClass == TransferScheduler::SizeClass::small;
-        const std::size_t longestRun = small ? kLongestFolderRun : 1;
-        const bool sharesFolderFlush = small && c_.copyEngine.durabilityMode != DurabilityMode::fast;
-        std::vector<std::size_t> runStarts;
-        for (std::size_t i = 0; i < actions.size(); ++i) {
-            if (runStarts.empty() || i - runStarts.back() >= longestRun ||
-                parentOf(actions[i].relativePath) != parentOf(actions[i - 1].relativePath)) {
-                runStarts.push_back(i);
-            }
+    void runUnit(const CopyUnit& unit) {
+        const bool sharesFolderFlush = unit.batch->sizeClass == TransferScheduler::SizeClass::small &&
+                                       c_.copyEngine.durabilityMode != DurabilityMode::fast;
+        std::vector<AwaitingFolderFlush> awaiting;
+        for (std::size_t i = unit.begin; i < unit.end && !stopped(); ++i) {
+            performTransfer(unit.batch->actions[i], sharesFolderFlush ? &awaiting : nullptr);
         }
-        runStarts.push_back(actions.size());
-        inParallel(runStarts.size() - 1, c_.scheduler.concurrency(batch.sizeClass), [&](std::size_t run) {
-            std::vector<AwaitingFolderFlush> awaiting;
-            for (std::size_t i = runStarts[run]; i < runStarts[run + 1] && !stopped(); ++i) {
-                performTransfer(actions[i], sharesFolderFlush ? &awaiting : nullptr);
-            }
-            // Even after a stop: these files are in place, and their folder is owed its flush.
-            flushFolderOf(awaiting);
-        });
+        // Even after a stop: these files are in place, and their folder is owed its flush.
+        flushFolderOf(awaiting);
     }
 
     // A file renamed into its folder, waiting for that folder's flush to be recorded.

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -19,6 +20,7 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include <utility>
 
 namespace varnel {
 namespace {
@@ -141,6 +143,48 @@ private:
     std::vector<std::pair<std::string, int>> seen_;
 };
 
+// Records how many file flushes run at once, in all and per size class (a file of a
+// megabyte or more is medium). The first flush waits (up to a second) for a second one
+// to join it; every other flush lingers a millisecond, so that copies the engine does run
+// together are seen together.
+class ClassCrowdingFlusher final : public FileFlushing {
+public:
+    FlushResult flushFile(const EndpointRoot&, const RelativePath&, DurabilityMode, std::uint64_t size) override {
+        const std::size_t sizeClass = size >= 1'000'000 ? 1 : 0;
+        std::unique_lock lock(mutex_);
+        mostAtOnce_ = std::max(mostAtOnce_, ++inside_);
+        mostOfClass_[sizeClass] = std::max(mostOfClass_[sizeClass], ++insideOfClass_[sizeClass]);
+        joined_.notify_all();
+        if (std::exchange(first_, false)) {
+            joined_.wait_for(lock, std::chrono::seconds(1), [&] { return mostAtOnce_ > 1; });
+        } else {
+            lock.unlock();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            lock.lock();
+        }
+        --inside_;
+        --insideOfClass_[sizeClass];
+        return {};
+    }
+    FlushResult flushDirectory(const EndpointRoot&, const RelativePath&, DurabilityMode) override { return {}; }
+
+    int mostAtOnce() const {
+        std::lock_guard lock(mutex_);
+        return mostAtOnce_;
+    }
+    int mostOfClass(std::size_t sizeClass) const {
+        std::lock_guard lock(mutex_);
+        return mostOfClass_[sizeClass];
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::condition_variable joined_;
+    bool first_ = true;
+    int inside_ = 0, mostAtOnce_ = 0;
+    std::array<int, 2> insideOfClass_{}, mostOfClass_{};
+};
+
 TEST_F(ExecutorTest, MirrorCopiesAndArchivesDestinationOnlyItemsUnderTheRunFolder) {
     temp.writeFile("src/a/new.txt", "new contents");
     temp.writeFile("src/keep.txt", "same");
@@ -219,6 +263,30 @@ TEST_F(ExecutorTest, ConcurrentSmallCopiesWorkInDifferentFoldersUnlessOneFolderI
     }
     EXPECT_GT(mostAtOnce.at("large"), 1) << "a large folder should still take several copies at once";
     EXPECT_GT(mostAtOnce.at("medium"), 1) << "files of a megabyte should be copied several at once";
+}
+
+// Photos of mixed sizes make a batch of one or two files each; copies of the next batch
+// start while the last ones still run, each class within its own limit.
+TEST_F(ExecutorTest, CopiesOfNeighbouringBatchesRunTogetherWithinEachClassLimit) {
+    for (int i = 0; i < 24; ++i) {
+        const std::string name = "src/photos/p" + std::to_string(10 + i);
+        temp.writeFile(name, i % 2 == 0 ? std::string(10'000, 's') : std::string(1'000'000, 'm'));
+    }
+    auto crowding = std::make_shared<ClassCrowdingFlusher>();
+    flusher = crowding;
+
+    const auto result = run(analyze(SyncMode::update), DurabilityMode::durable).result;
+    EXPECT_EQ(result.outcome, SyncRunOutcome::success);
+    EXPECT_EQ(result.filesCopied, 24);
+    EXPECT_GT(crowding->mostAtOnce(), 1) << "each batch of one file waited for the one before it";
+    EXPECT_LE(crowding->mostOfClass(0), 6) << "more small copies at once than their limit";
+    EXPECT_LE(crowding->mostOfClass(1), 3) << "more medium copies at once than their limit";
+    EXPECT_LE(crowding->mostAtOnce(), 8);
+    for (int i = 0; i < 24; ++i) {
+        const std::string name = "photos/p" + std::to_string(10 + i);
+        EXPECT_EQ(fs::file_size(destination() / name), i % 2 == 0 ? 10'000u : 1'000'000u) << name;
+    }
+    EXPECT_TRUE(testing::stagingItemsBelow(destination()).empty());
 }
 
 TEST_F(ExecutorTest, ManySmallFilesKeepExactTotalsWithCappedDetail) {
