@@ -248,9 +248,15 @@ private:
                 admission.finished(*unit);
             }
         };
-        std::vector<std::jthread> helpers;
-        for (int helper = 1; helper < admission.workers(); ++helper) helpers.emplace_back(work);
-        work();
+        if (admission.workers() == 1) {
+            work();
+            return;
+        }
+        // Threads of their own, as in every other parallel step here: this thread never
+        // unwinds past workers that may be waiting for the class place its unit held.
+        std::vector<std::jthread> workers;
+        workers.reserve(static_cast<std::size_t>(admission.workers()));
+        for (int worker = 0; worker < admission.workers(); ++worker) workers.emplace_back(work);
     }
 
     // In Durable and Maximum mode a run of small files flushes its folder once, after its
