@@ -105,19 +105,20 @@ protected:
 };
 
 // The plan fits by bytes, but each small file takes a whole page of tmpfs: once the 40
-// small new files are in, the 1.2 MB update no longer fits.
+// small new files are in, the 900 kB update no longer fits. All 41 are small files of
+// one folder, which one worker copies in plan order, so the update always comes last.
 TEST_F(RealDiskFullTests, ANearlyFullTmpfsFailsTheUpdateThatNoLongerFitsAndKeepsTheOldFile) {
     const fs::path destination = temporary / "dst";
     ASSERT_EQ(mounts.mountMemory(destination, "size=4m"), "");
-    const std::string oldBig = GenerationTree::contents("zz-big.bin", 0, 1'100'000);
-    const std::string newBig = GenerationTree::contents("zz-big.bin", 1, 1'200'000);
+    const std::string oldBig = GenerationTree::contents("zz-big.bin", 0, 800'000);
+    const std::string newBig = GenerationTree::contents("zz-big.bin", 1, 900'000);
     std::ofstream(destination / "zz-big.bin", std::ios::binary) << oldBig;
     std::ofstream(temporary / "src/zz-big.bin", std::ios::binary) << newBig;
     for (int i = 0; i < 40; ++i) {
         const std::string name = fmt::format("a-{:02}.txt", i);
         std::ofstream(temporary / "src" / name, std::ios::binary) << GenerationTree::contents(name, 1, 100);
     }
-    fillLeaving(destination, 294 * 4096);  // 1,204,224 bytes: just above the 1,204,000 to write
+    fillLeaving(destination, 221 * 4096);  // 905,216 bytes: just above the 904,000 to write
 
     const auto id = cli->addProfile("Full", temporary / "src", destination, {"--mode", "update", "--durability",
                                                                              "durable"});
