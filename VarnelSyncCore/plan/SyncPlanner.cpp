@@ -10,9 +10,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <deque>
 #include <limits>
 #include <stdexcept>
+#include <thread>
 #include <unordered_set>
 #include <utility>
 
@@ -496,6 +498,136 @@ private:
     SyncPlanSummary summary_;
 };
 
+// A name's first 16 bytes as two big-endian words, zero-padded: comparing the words
+// compares those bytes as text does (a name holds no zero byte), so most comparisons
+// within a folder stay in the folder's own small array instead of reading two path texts.
+struct NamePrefix {
+    std::array<std::uint64_t, 2> words{};
+    std::uint32_t index = 0;  // of the action, as it stands before the sort
+
+    static NamePrefix of(std::string_view name, std::uint32_t index) {
+        std::array<unsigned char, 16> bytes{};
+        std::memcpy(bytes.data(), name.data(), std::min(name.size(), bytes.size()));
+        NamePrefix prefix;
+        prefix.index = index;
+        for (std::size_t i = 0; i < bytes.size(); ++i) {
+            prefix.words[i / 8] = (prefix.words[i / 8] << 8) | bytes[i];
+        }
+        return prefix;
+    }
+};
+
+// The execution order of one list, worked out without moving an action. The sort runs
+// at the end of planning, with the scans' processors free: from kSplitAt actions on, two
+// threads each take half of the list and then half of its folders.
+class ExecutionOrder {
+public:
+    explicit ExecutionOrder(const std::vector<SyncAction>& actions) : actions_(actions), nameStarts_(actions.size()) {}
+
+    // order[i]: the index of the action that goes to position i, shallow-first.
+    std::vector<std::uint32_t> shallowFirst() && {
+        const std::size_t count = actions_.size();
+        const bool split = count >= kSplitAt && std::thread::hardware_concurrency() > 1;
+        if (split) {
+            std::vector<Run> secondRuns;
+            {
+                const std::jthread second([&] { secondRuns = collectRuns(count / 2, count); });
+                runs_ = collectRuns(0, count / 2);
+            }
+            runs_.insert(runs_.end(), secondRuns.begin(), secondRuns.end());
+        } else {
+            runs_ = collectRuns(0, count);
+        }
+        std::stable_sort(runs_.begin(), runs_.end(), [&](const Run& a, const Run& b) {
+            return a.depth != b.depth ? a.depth < b.depth : runFolder(a) < runFolder(b);
+        });
+
+        // The runs of one folder (several when a folder's items came apart) are now
+        // neighbours and sorted together; folders[f] is the first run of folder f.
+        std::vector<std::size_t> folders;
+        for (std::size_t r = 0; r < runs_.size(); ++r) {
+            if (r == 0 || !sameFolder(runs_[r], runs_[r - 1])) folders.push_back(r);
+        }
+        folders.push_back(runs_.size());
+        std::vector<std::uint32_t> order(count);
+        std::size_t middle = 0;  // the first folder of the second half
+        if (split) {
+            for (std::size_t items = 0; middle + 1 < folders.size() && items < count / 2; ++middle) {
+                for (std::size_t r = folders[middle]; r < folders[middle + 1]; ++r) items += runs_[r].end - runs_[r].begin;
+            }
+            const std::jthread second([&] { orderFolders(folders, middle, folders.size() - 1, order); });
+            orderFolders(folders, 0, middle, order);
+        } else {
+            orderFolders(folders, 0, folders.size() - 1, order);
+        }
+        return order;
+    }
+
+    static constexpr std::size_t kSplitAt = 65536;
+
+private:
+    struct Run {
+        std::size_t depth = 0;
+        std::size_t begin = 0;
+        std::size_t end = 0;
+    };
+
+    std::string_view pathOf(std::size_t index) const { return actions_[index].relativePath.value(); }
+    std::string_view folderOf(std::size_t index) const { return pathOf(index).substr(0, nameStarts_[index]); }
+    std::string_view nameOf(std::size_t index) const { return pathOf(index).substr(nameStarts_[index]); }
+    std::string_view runFolder(const Run& run) const { return folderOf(run.begin); }
+    bool sameFolder(const Run& a, const Run& b) const { return a.depth == b.depth && runFolder(a) == runFolder(b); }
+
+    // Finds where the names of actions [begin, end) start and returns their runs of one
+    // folder each.
+    std::vector<Run> collectRuns(std::size_t begin, std::size_t end) {
+        std::vector<Run> runs;
+        constexpr std::size_t kAhead = 8;  // items whose memory is requested before they are read
+        for (std::size_t i = begin; i < end; ++i) {
+            if (i + kAhead < end) actions_[i + kAhead].relativePath.prefetch();
+            const std::string_view path = pathOf(i);
+            const std::size_t slash = path.rfind('/');
+            nameStarts_[i] = static_cast<std::uint32_t>(slash == std::string_view::npos ? 0 : slash + 1);
+            // The root (depth 0) shares the empty folder part with the top level: never one run.
+            if (runs.empty() || folderOf(i - 1) != folderOf(i) || path.empty() || pathOf(i - 1).empty()) {
+                const auto depth =
+                    path.empty() ? 0 : static_cast<std::size_t>(std::count(path.begin(), path.end(), '/')) + 1;
+                runs.push_back(Run{depth, i, i});
+            }
+            runs.back().end = i + 1;
+        }
+        return runs;
+    }
+
+    // Writes the order of folders [first, last) into their places in `order`.
+    void orderFolders(const std::vector<std::size_t>& folders, std::size_t first, std::size_t last,
+                      std::vector<std::uint32_t>& order) const {
+        std::size_t at = 0;
+        for (std::size_t r = 0; r < folders[first]; ++r) at += runs_[r].end - runs_[r].begin;
+        std::vector<NamePrefix> names;
+        for (std::size_t f = first; f < last; ++f) {
+            names.clear();
+            for (std::size_t r = folders[f]; r < folders[f + 1]; ++r) {
+                for (std::size_t i = runs_[r].begin; i < runs_[r].end; ++i) {
+                    names.push_back(NamePrefix::of(nameOf(i), static_cast<std::uint32_t>(i)));
+                }
+            }
+            std::sort(names.begin(), names.end(), [&](const NamePrefix& a, const NamePrefix& b) {
+                if (a.words != b.words) return a.words < b.words;
+                return nameOf(a.index) < nameOf(b.index);
+            });
+            for (const NamePrefix& name : names) order[at++] = name.index;
+        }
+    }
+
+    const std::vector<SyncAction>& actions_;
+    // Small, since the sort runs when the plan is at its largest: the path is read from
+    // the action, which sits among its folder's neighbours. The folder part of path i is
+    // path[0, nameStarts_[i]).
+    std::vector<std::uint32_t> nameStarts_;
+    std::vector<Run> runs_;
+};
+
 // Sorts the list in place by (depth, path text), or for deepest-first by the exact
 // reverse of that, and moves each action once, along the cycles of the permutation.
 //
@@ -508,64 +640,7 @@ void sortInPlace(std::vector<SyncAction>& actions, bool deepestFirst) {
     if (actions.size() >= std::numeric_limits<std::uint32_t>::max()) {
         throw std::length_error("More items than one plan can hold.");
     }
-    // Small, since the sort runs when the plan is at its largest: the path is read from
-    // the action, which sits among its folder's neighbours.
-    struct Key {
-        std::uint32_t index = 0;
-        std::uint32_t nameStart = 0;  // the folder part is path[0, nameStart)
-    };
-    const auto pathOf = [&](const Key& key) { return actions[key.index].relativePath.value(); };
-    const auto folderOf = [&](const Key& key) { return pathOf(key).substr(0, key.nameStart); };
-    const auto nameOf = [&](const Key& key) { return pathOf(key).substr(key.nameStart); };
-    struct Run {
-        std::size_t depth = 0;
-        std::size_t begin = 0;
-        std::size_t end = 0;
-    };
-
-    std::vector<Key> keys;
-    keys.reserve(actions.size());
-    std::vector<Run> runs;
-    constexpr std::size_t kAhead = 8;  // items whose memory is requested before they are read
-    for (std::size_t i = 0; i < actions.size(); ++i) {
-        if (i + kAhead < actions.size()) actions[i + kAhead].relativePath.prefetch();
-        const std::string_view path = actions[i].relativePath.value();
-        const std::size_t slash = path.rfind('/');
-        const Key key{static_cast<std::uint32_t>(i),
-                      static_cast<std::uint32_t>(slash == std::string_view::npos ? 0 : slash + 1)};
-        // The root (depth 0) shares the empty folder part with the top level: never one run.
-        if (runs.empty() || folderOf(keys.back()) != path.substr(0, key.nameStart) || path.empty() ||
-            pathOf(keys.back()).empty()) {
-            const auto depth = path.empty() ? 0 : static_cast<std::size_t>(std::count(path.begin(), path.end(), '/')) + 1;
-            runs.push_back(Run{depth, i, i});
-        }
-        keys.push_back(key);
-        runs.back().end = i + 1;
-    }
-    const auto runFolder = [&](const Run& run) { return folderOf(keys[run.begin]); };
-    const auto sameFolder = [&](const Run& a, const Run& b) {
-        return a.depth == b.depth && runFolder(a) == runFolder(b);
-    };
-    std::stable_sort(runs.begin(), runs.end(), [&](const Run& a, const Run& b) {
-        return a.depth != b.depth ? a.depth < b.depth : runFolder(a) < runFolder(b);
-    });
-
-    // order[i]: the index of the action that goes to position i. The runs of one folder
-    // (several when a folder's items came apart) are now neighbours and sorted together.
-    std::vector<std::uint32_t> order;
-    order.reserve(actions.size());
-    std::vector<Key> folder;
-    for (std::size_t r = 0; r < runs.size();) {
-        folder.clear();
-        const std::size_t first = r;
-        for (; r < runs.size() && sameFolder(runs[r], runs[first]); ++r) {
-            folder.insert(folder.end(), keys.begin() + static_cast<std::ptrdiff_t>(runs[r].begin),
-                          keys.begin() + static_cast<std::ptrdiff_t>(runs[r].end));
-        }
-        std::sort(folder.begin(), folder.end(), [&](const Key& a, const Key& b) { return nameOf(a) < nameOf(b); });
-        for (const Key& key : folder) order.push_back(key.index);
-    }
-    std::vector<Key>().swap(keys);
+    std::vector<std::uint32_t> order = ExecutionOrder(actions).shallowFirst();
     if (deepestFirst) std::reverse(order.begin(), order.end());
 
     // Following a cycle reads actions in scattered places; each step requests the one two

@@ -326,13 +326,19 @@ TEST(ActionOrderTest, ShallowFirstListsAndDeepestFirstArchives) {
 
 TEST(ActionOrderTest, AgreesWithSortingWholePathsWhateverTheInputOrder) {
     // Names chosen so that "/" sorts between them ("a b" < "a-b" < "a.b" < "a/..." < "a0"),
-    // plus bytes above ASCII; folders come in scattered runs, and the root sits among them.
-    const Strings names{"a", "a b", "a-b", "a.b", "a0", "ab", "b", "Z", "\u00e9", "e"};
+    // plus bytes above ASCII, and long names that first differ around their 8th and 16th
+    // bytes or only in length; folders come in scattered runs, and the root sits among them.
+    const Strings names{"a",           "a b",           "a-b",           "a.b",           "a0",
+                        "ab",          "b",             "Z",             "\u00e9",        "e",
+                        "IMG_0001.JPG", "IMG_0001.JPG.x", "report-0197723", "report-0197723.odt",
+                        "report-0197724.odt", "0123456789abcdef", "0123456789abcdeg", "0123456789abcdef\u00e9",
+                        "0123456789abcdefA"};
     std::mt19937 random(20261122);
     Strings paths;
-    for (int i = 0; i < 3000; ++i) {
+    // More than 65,536 paths, so that two threads each order half of the list.
+    for (int i = 0; i < 130000; ++i) {
         std::string path;
-        const int depth = 1 + static_cast<int>(random() % 4);
+        const int depth = 1 + static_cast<int>(random() % 6);
         for (int d = 0; d < depth; ++d) path += (d ? "/" : "") + names[random() % names.size()];
         paths.push_back(path);
     }
@@ -357,6 +363,7 @@ TEST(ActionOrderTest, AgreesWithSortingWholePathsWhateverTheInputOrder) {
         archives.push_back(
             SyncAction{SyncActionType::archiveDestinationItem, *RelativePath::fromString(path), {}, {}, {}, 0});
     }
+    ASSERT_GT(expected.size(), 65536u);
     std::vector<SyncAction> sorted;
     sortActionsForExecution(none1, files, archives, none2, sorted);
     ASSERT_EQ(sorted.size(), 2 * expected.size());
