@@ -176,44 +176,40 @@ ErrnoOr<FreshEntry> statEntry(int dirFd, const char* name, RelativePath path) {
     return entry;
 }
 
-struct DirCloser {
-    void operator()(DIR* dir) const { ::closedir(dir); }
-};
-using DirPointer = std::unique_ptr<DIR, DirCloser>;
-
-// Takes over `fd` (on success and failure alike).
-ErrnoOr<DirPointer> streamOf(UniqueFd fd) {
-    DIR* dir = ::fdopendir(fd.get());
-    if (dir == nullptr) return ErrnoOr<DirPointer>::failure(errno);
-    fd.release();
-    return DirPointer(dir);
-}
-
-ErrnoOr<DirectoryNames> readNames(DIR* dir) {
+// Lists `fd`'s names with getdents64 into a buffer on the stack: a directory stream
+// would first check the descriptor with fstat and two fcntl calls and allocate its own
+// 32 KiB buffer, for every folder a scan lists. `fromStart` rewinds a folder listed before.
+ErrnoOr<DirectoryNames> readNames(int fd, bool fromStart) {
+    if (fromStart && ::lseek(fd, 0, SEEK_SET) < 0) return ErrnoOr<DirectoryNames>::failure(errno);
     DirectoryNames names;
-    ::rewinddir(dir);
+    alignas(dirent64) std::array<char, 32 * 1024> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled next
     while (true) {
-        errno = 0;
-        const dirent* item = ::readdir(dir);
-        if (item == nullptr) {
-            if (errno != 0) return ErrnoOr<DirectoryNames>::failure(errno);
-            return names;
+        const ssize_t filled = ::getdents64(fd, buffer.data(), buffer.size());
+        if (filled < 0) {
+            if (errno == EINTR) continue;
+            return ErrnoOr<DirectoryNames>::failure(errno);
         }
-        const std::string_view name = item->d_name;
-        if (name == "." || name == "..") continue;
-        names.add(name);
+        if (filled == 0) return names;
+        for (std::size_t offset = 0; offset < static_cast<std::size_t>(filled);) {
+            const auto* item = reinterpret_cast<const dirent64*>(buffer.data() + offset);
+            offset += item->d_reclen;
+            const std::string_view name = item->d_name;
+            if (name == "." || name == "..") continue;
+            names.add(name);
+        }
     }
 }
 
 class RealOpenDirectory final : public OpenDirectory {
 public:
-    RealOpenDirectory(EndpointRoot root, RelativePath path, DirPointer dir)
-        : root_(std::move(root)), path_(std::move(path)), dir_(std::move(dir)) {}
+    RealOpenDirectory(EndpointRoot root, RelativePath path, UniqueFd fd)
+        : root_(std::move(root)), path_(std::move(path)), fd_(std::move(fd)) {}
 
     const RelativePath& path() const override { return path_; }
 
     DirectoryNames names() override {
-        auto names = readNames(dir_.get());
+        auto names = readNames(fd_.get(), listed_);
+        listed_ = true;
         if (!names.ok()) fail(names.error(), "readdir", root_, path_);
         return std::move(names.value());
     }
@@ -226,7 +222,7 @@ public:
         std::array<char, NAME_MAX + 1> terminated;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled next
         std::memcpy(terminated.data(), name.data(), name.size());
         terminated[name.size()] = '\0';
-        auto entry = statEntry(::dirfd(dir_.get()), terminated.data(), childPath);
+        auto entry = statEntry(fd_.get(), terminated.data(), childPath);
         if (!entry.ok()) fail(entry.error(), "statx", root_, childPath);
         return std::move(entry.value());
     }
@@ -234,7 +230,8 @@ public:
 private:
     EndpointRoot root_;  // keeps the root's descriptor alive for messages and lifetime
     RelativePath path_;
-    DirPointer dir_;
+    UniqueFd fd_;
+    bool listed_ = false;
 };
 
 // The no-replace rename where there are no hard links either (FAT and exFAT through
@@ -403,9 +400,7 @@ std::vector<std::string> RealFileSystem::extendedAttributeNames(const EndpointRo
 std::vector<std::string> RealFileSystem::listDirectory(const EndpointRoot& root, const RelativePath& path) {
     auto fd = openDirectoryBeneath(rootFdFor(root, "opendir", path), path, DirectoryAccess::read);
     if (!fd.ok()) fail(fd.error(), "opendir", root, path);
-    auto dir = streamOf(std::move(fd.value()));
-    if (!dir.ok()) fail(dir.error(), "opendir", root, path);
-    auto names = readNames(dir.value().get());
+    auto names = readNames(fd.value().get(), false);
     if (!names.ok()) fail(names.error(), "readdir", root, path);
     return {names.value().begin(), names.value().end()};
 }
@@ -413,9 +408,7 @@ std::vector<std::string> RealFileSystem::listDirectory(const EndpointRoot& root,
 std::unique_ptr<OpenDirectory> RealFileSystem::openDirectory(const EndpointRoot& root, const RelativePath& path) {
     auto fd = openDirectoryBeneath(rootFdFor(root, "opendir", path), path, DirectoryAccess::read);
     if (!fd.ok()) fail(fd.error(), "opendir", root, path);
-    auto dir = streamOf(std::move(fd.value()));
-    if (!dir.ok()) fail(dir.error(), "opendir", root, path);
-    return std::make_unique<RealOpenDirectory>(root, path, std::move(dir.value()));
+    return std::make_unique<RealOpenDirectory>(root, path, std::move(fd.value()));
 }
 
 EndpointRoot RealFileSystem::openFolder(const EndpointRoot& root, const RelativePath& path) {

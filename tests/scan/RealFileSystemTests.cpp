@@ -99,6 +99,22 @@ TEST_F(RealFileSystemTest, SpecialFilesAreUnsupportedWithTheirReasonAndNoSize) {
     }
 }
 
+TEST_F(RealFileSystemTest, AFolderOfManyLongNamesIsListedWholeAndAgainFromTheStart) {
+    // About 330 KiB of directory entries: many reads of the listing buffer.
+    std::vector<std::string> expected;
+    for (int i = 0; i < 3000; ++i) {
+        expected.push_back(std::string(90, static_cast<char>('a' + i % 26)) + "-" + std::to_string(i));
+        temp.writeFile(expected.back(), "");
+    }
+    expected = sorted(expected);
+
+    EXPECT_EQ(sorted(fs.listDirectory(root, RelativePath())), expected);
+    auto folder = fs.openDirectory(root, RelativePath());
+    const DirectoryNames first = folder->names();
+    EXPECT_EQ(sorted({first.begin(), first.end()}), expected);
+    EXPECT_EQ(folder->names(), first);
+}
+
 TEST_F(RealFileSystemTest, RegularAndSparseFilesReportLogicalSizeAndAllocation) {
     temp.writeFile("small.txt", "hello");
     const int fd = ::open(path("sparse").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0640);
