@@ -100,6 +100,8 @@ bool isValidUTF8(std::string_view bytes) {
     int32_t i = 0;
     const auto length = static_cast<int32_t>(bytes.size());
     const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
+    // Most names are ASCII, byte by byte valid: decoding starts at the first byte that is not.
+    while (i < length && data[i] < 0x80) ++i;
     while (i < length) {
         UChar32 c = 0;
         U8_NEXT(data, i, length, c);

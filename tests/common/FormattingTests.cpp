@@ -96,6 +96,11 @@ TEST(UnicodeTest, NormalisesFoldsCaseAndTrims) {
     EXPECT_EQ(unicode::trimWhitespace(" \n\t a b \xE2\x80\x83\n"), "a b");  // includes an em space
     EXPECT_EQ(unicode::graphemeClusters("ae\xCC\x81\xF0\x9F\x87\xA9\xF0\x9F\x87\xAA").size(), 3u);  // a, é, flag
     EXPECT_FALSE(unicode::isValidUTF8("\xC3"));
+    // Bad bytes after a run of ASCII, and good ones between two runs.
+    EXPECT_FALSE(unicode::isValidUTF8("photo-0001\xC3"));
+    EXPECT_FALSE(unicode::isValidUTF8("report\xFF.txt"));
+    EXPECT_TRUE(unicode::isValidUTF8("caf\xC3\xA9-menu.txt"));
+    EXPECT_TRUE(unicode::isValidUTF8(""));
     EXPECT_EQ(unicode::repairUTF8("a\xC3"), "a\xEF\xBF\xBD");
 }
 
