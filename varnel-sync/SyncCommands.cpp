@@ -219,6 +219,15 @@ struct AnalyzeArguments {
     CLI::Option* showOption = nullptr;
 };
 
+// Freeing a plan item by item takes a twentieth of a large analysis (15 to 25 ms of
+// 0.55 s for 200,000 items); when the process ends with the command, the system takes
+// the memory back at once. Kept reachable, so leak checkers see no loss.
+void leaveToProcessEnd(Context& context, std::vector<SyncAction>& actions) {
+    if (!context.io().processEndsAfterCommand) return;
+    static auto* const kept = new std::vector<std::vector<SyncAction>>();
+    kept->push_back(std::move(actions));
+}
+
 ExitCode analyzeCommand(Context& context, const AnalyzeArguments& arguments) {
     const ActionFilter filter =
         arguments.showOption->count() > 0 ? ActionFilter::parse(arguments.show) : ActionFilter::changes();
@@ -232,6 +241,7 @@ ExitCode analyzeCommand(Context& context, const AnalyzeArguments& arguments) {
         Pager pager(context);
         printReview(pager.stream(), target.profile.name, outcome, filter, {.summary = !context.quiet(), .plan = true});
     }
+    leaveToProcessEnd(context, outcome.plan.actions);
     return ExitCode::ok;
 }
 
