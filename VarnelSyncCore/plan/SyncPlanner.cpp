@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <exception>
 #include <limits>
 #include <stdexcept>
 #include <thread>
@@ -517,6 +518,24 @@ struct NamePrefix {
     }
 };
 
+// Runs `beside` on a second thread while `here` runs on this one; a failure of either
+// reaches the caller once both are done.
+template <typename Here, typename Beside>
+void runBeside(Here here, Beside beside) {
+    std::exception_ptr failure;
+    {
+        const std::jthread second([&] {
+            try {
+                beside();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+        });
+        here();
+    }
+    if (failure) std::rethrow_exception(failure);
+}
+
 // The execution order of one list, worked out without moving an action. The sort runs
 // at the end of planning, with the scans' processors free: from kSplitAt actions on, two
 // threads each take half of the list and then half of its folders.
@@ -530,10 +549,8 @@ public:
         const bool split = count >= kSplitAt && std::thread::hardware_concurrency() > 1;
         if (split) {
             std::vector<Run> secondRuns;
-            {
-                const std::jthread second([&] { secondRuns = collectRuns(count / 2, count); });
-                runs_ = collectRuns(0, count / 2);
-            }
+            runBeside([&] { runs_ = collectRuns(0, count / 2); },
+                      [&] { secondRuns = collectRuns(count / 2, count); });
             runs_.insert(runs_.end(), secondRuns.begin(), secondRuns.end());
         } else {
             runs_ = collectRuns(0, count);
@@ -555,8 +572,8 @@ public:
             for (std::size_t items = 0; middle + 1 < folders.size() && items < count / 2; ++middle) {
                 for (std::size_t r = folders[middle]; r < folders[middle + 1]; ++r) items += runs_[r].end - runs_[r].begin;
             }
-            const std::jthread second([&] { orderFolders(folders, middle, folders.size() - 1, order); });
-            orderFolders(folders, 0, middle, order);
+            runBeside([&] { orderFolders(folders, 0, middle, order); },
+                      [&] { orderFolders(folders, middle, folders.size() - 1, order); });
         } else {
             orderFolders(folders, 0, folders.size() - 1, order);
         }
