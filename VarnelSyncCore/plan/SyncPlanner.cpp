@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <deque>
 #include <exception>
 #include <limits>
@@ -508,7 +507,7 @@ struct NamePrefix {
 
     static NamePrefix of(std::string_view name, std::uint32_t index) {
         std::array<unsigned char, 16> bytes{};
-        std::memcpy(bytes.data(), name.data(), std::min(name.size(), bytes.size()));
+        std::copy_n(name.begin(), std::min(name.size(), bytes.size()), bytes.begin());
         NamePrefix prefix;
         prefix.index = index;
         for (std::size_t i = 0; i < bytes.size(); ++i) {
