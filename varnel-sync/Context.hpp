@@ -99,9 +99,6 @@ struct Io {
     EnvironmentLookup environment = processEnvironment();
     std::shared_ptr<Interruption> interruption = std::make_shared<Interruption>();
     const Clock* clock = &SystemClock::shared();
-    // Set by main: the process ends once the command returns, so what a command leaves
-    // behind can go with it rather than be freed piece by piece.
-    bool processEndsAfterCommand = false;
 };
 
 // The options accepted before or after any command.
