@@ -566,22 +566,23 @@ public:
         }
         folders.push_back(runs_.size());
         std::vector<std::uint32_t> order(count);
-        std::size_t middle = 0;  // the first folder of the second half
         if (split) {
-            for (std::size_t items = 0; middle + 1 < folders.size() && items < count / 2; ++middle) {
-                for (std::size_t r = folders[middle]; r < folders[middle + 1]; ++r) items += runs_[r].end - runs_[r].begin;
+            std::size_t middle = 0;  // the first folder of the second half
+            std::size_t before = 0;  // the items of the folders before it
+            for (; middle + 1 < folders.size() && before < count / 2; ++middle) {
+                for (std::size_t r = folders[middle]; r < folders[middle + 1]; ++r) before += runs_[r].end - runs_[r].begin;
             }
-            runBeside([&] { orderFolders(folders, 0, middle, order); },
-                      [&] { orderFolders(folders, middle, folders.size() - 1, order); });
+            runBeside([&] { orderFolders(folders, 0, middle, 0, order); },
+                      [&] { orderFolders(folders, middle, folders.size() - 1, before, order); });
         } else {
-            orderFolders(folders, 0, folders.size() - 1, order);
+            orderFolders(folders, 0, folders.size() - 1, 0, order);
         }
         return order;
     }
 
+private:
     static constexpr std::size_t kSplitAt = 65536;
 
-private:
     struct Run {
         std::size_t depth = 0;
         std::size_t begin = 0;
@@ -615,11 +616,9 @@ private:
         return runs;
     }
 
-    // Writes the order of folders [first, last) into their places in `order`.
-    void orderFolders(const std::vector<std::size_t>& folders, std::size_t first, std::size_t last,
+    // Writes the order of folders [first, last) into `order` from position `at` on.
+    void orderFolders(const std::vector<std::size_t>& folders, std::size_t first, std::size_t last, std::size_t at,
                       std::vector<std::uint32_t>& order) const {
-        std::size_t at = 0;
-        for (std::size_t r = 0; r < folders[first]; ++r) at += runs_[r].end - runs_[r].begin;
         std::vector<NamePrefix> names;
         for (std::size_t f = first; f < last; ++f) {
             names.clear();
