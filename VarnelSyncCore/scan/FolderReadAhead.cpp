@@ -28,7 +28,7 @@ void FolderReadAhead::stop() {
         const std::lock_guard lock(mutex_);
         stopping_ = true;
     }
-    changed_.notify_all();
+    workForHelpers_.notify_all();
     for (std::thread& helper : helpers_) {
         if (helper.joinable()) helper.join();
     }
@@ -42,26 +42,29 @@ void FolderReadAhead::add(const RelativePath& folder) {
         ++added_;
         helping = helping_;
     }
-    if (helping) changed_.notify_one();  // idle helpers have nothing to wake for
+    if (helping) workForHelpers_.notify_one();  // idle helpers have nothing to wake for
 }
 
 FolderListing FolderReadAhead::take() {
     std::unique_lock lock(mutex_);
     const std::shared_ptr<Slot> slot = slots_.front();
     slots_.pop_front();
+    // Helpers wait for room only when they are `maxAhead_` folders ahead, or when none of
+    // them has begun the folder taken now.
+    const bool roomMade = started_ <= taken_ || started_ - taken_ >= maxAhead_;
     ++taken_;
-    if (started_ < taken_) {
-        // No helper has begun this one: reading it here is quicker than waiting.
-        started_ = taken_;
-        const bool helping = helping_;
-        lock.unlock();
-        if (!helping) return readHere(slot->folder);
-        changed_.notify_all();  // one more folder may now be read ahead
-        return read_(slot->folder, 0);
-    }
-    changed_.wait(lock, [&] { return slot->done; });
+    const bool helping = helping_;
+    const bool readItHere = started_ < taken_;  // no helper has begun this one: quicker than waiting
+    if (readItHere) started_ = taken_;
     lock.unlock();
-    changed_.notify_all();
+    if (helping && roomMade) workForHelpers_.notify_one();
+    if (readItHere) return helping ? read_(slot->folder, 0) : readHere(slot->folder);
+
+    lock.lock();
+    awaited_ = slot.get();
+    folderRead_.wait(lock, [&] { return slot->done; });
+    awaited_ = nullptr;
+    lock.unlock();
     if (slot->failure) std::rethrow_exception(slot->failure);
     return std::move(slot->listing);
 }
@@ -83,13 +86,13 @@ void FolderReadAhead::startHelping() {
         if (helping_) return;
         helping_ = true;
     }
-    changed_.notify_all();
+    workForHelpers_.notify_all();
 }
 
 void FolderReadAhead::help(std::size_t reader) {
     std::unique_lock lock(mutex_);
     while (true) {
-        changed_.wait(lock, [&] {
+        workForHelpers_.wait(lock, [&] {
             return stopping_ || (helping_ && started_ < added_ && started_ - taken_ < maxAhead_);
         });
         if (stopping_) return;
@@ -107,7 +110,11 @@ void FolderReadAhead::help(std::size_t reader) {
         slot->listing = std::move(listing);
         slot->failure = failure;
         slot->done = true;
-        changed_.notify_all();
+        if (awaited_ == slot.get()) {
+            lock.unlock();
+            folderRead_.notify_one();
+            lock.lock();
+        }
     }
 }
 

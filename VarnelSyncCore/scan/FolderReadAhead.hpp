@@ -79,7 +79,12 @@ private:
 
     Reader read_;
     std::mutex mutex_;
-    std::condition_variable changed_;
+    // Two queues of waiters, so that a finished folder wakes only the thread waiting for
+    // it and new room ahead wakes one helper: on a cold disk, every needless wake-up is
+    // two more system calls per folder.
+    std::condition_variable workForHelpers_;
+    std::condition_variable folderRead_;
+    const Slot* awaited_ = nullptr;  // the slot the taking thread waits for
     std::deque<std::shared_ptr<Slot>> slots_;  // added and not yet taken, in order
     std::uint64_t taken_ = 0;                   // folders taken so far
     std::uint64_t started_ = 0;                 // folders whose reading has begun (in order)
