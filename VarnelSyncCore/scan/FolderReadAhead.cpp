@@ -49,8 +49,8 @@ FolderListing FolderReadAhead::take() {
     std::unique_lock lock(mutex_);
     const std::shared_ptr<Slot> slot = slots_.front();
     slots_.pop_front();
-    // Helpers wait for room only when they are `maxAhead_` folders ahead, or when none of
-    // them has begun the folder taken now.
+    // Taking makes room for a waiting helper only when the helpers are `maxAhead_` folders
+    // ahead, or when none is ahead at all and the walk reads this folder itself.
     const bool roomMade = started_ <= taken_ || started_ - taken_ >= maxAhead_;
     ++taken_;
     const bool helping = helping_;
