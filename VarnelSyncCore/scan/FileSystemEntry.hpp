@@ -22,7 +22,12 @@ struct FileSystemEntry {
     RelativePath relativePath;
     std::int64_t size = 0;  // logical size of regular files; 0 for every other kind
     // 512-byte units: 47 bits count up to 64 PiB, and larger counts are held at that.
-    std::int64_t allocatedBlocks : 48 = 0;
+    // The field takes 49 bits so that the four fields fill their word with no spare bit:
+    // a move then copies the word whole. Keeping a spare bit made every move read the
+    // target word first, and a scan's first touch of a fresh page of its entry store
+    // then mapped the zero page and faulted a second time on the write, with a flush of
+    // every processor's address cache.
+    std::int64_t allocatedBlocks : 49 = 0;
     std::uint16_t posixPermissions : 12 = 0;  // mode & 07777
     // Contents live only in the cloud; never set by the Linux file system.
     bool isDataless : 1 = false;
