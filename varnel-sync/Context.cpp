@@ -1,5 +1,7 @@
 #include "varnel-sync/Context.hpp"
 
+#include <vector>
+
 namespace varnel::cli {
 
 ApplicationFolders Context::folders() const {
@@ -16,6 +18,13 @@ SyncApplication& Context::application(bool watchVolumes) {
         application_->load();
     }
     return *application_;
+}
+
+void Context::keepUntilExit(std::shared_ptr<void> value) {
+    if (!io_.processEndsWithCommand) return;
+    // Reachable to the end, so leak checkers count it as in use.
+    static auto* const kept = new std::vector<std::shared_ptr<void>>();
+    kept->push_back(std::move(value));
 }
 
 }  // namespace varnel::cli

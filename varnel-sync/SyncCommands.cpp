@@ -232,6 +232,7 @@ ExitCode analyzeCommand(Context& context, const AnalyzeArguments& arguments) {
         Pager pager(context);
         printReview(pager.stream(), target.profile.name, outcome, filter, {.summary = !context.quiet(), .plan = true});
     }
+    context.keepUntilExit(std::make_shared<AnalysisOutcome>(std::move(outcome)));
     return ExitCode::ok;
 }
 

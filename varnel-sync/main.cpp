@@ -57,6 +57,7 @@ int main(int argc, char** argv) {
 
     try {
         varnel::cli::Io io{std::cin, std::cout, std::cerr, terminal()};
+        io.processEndsWithCommand = true;
         watchInterrupts(io.interruption);
         const std::vector<std::string> arguments(argv + 1, argv + argc);
         const int status = varnel::cli::run(arguments, io);
