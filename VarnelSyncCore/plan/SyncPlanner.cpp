@@ -44,6 +44,8 @@ public:
         return lowered_.emplace_back(unicode::toLower(path.canonicalValue()));
     }
 
+    // Whether keys are the paths' own canonical texts: then nothing is made or stored.
+    bool caseSensitive() const { return caseSensitive_; }
     std::size_t count(Side side) const { return sideOf(side).entries->size(); }
     const FileSystemEntry& entry(Side side, std::size_t index) const { return (*sideOf(side).entries)[index]; }
 
@@ -82,57 +84,43 @@ private:
 
 using KeySet = std::unordered_set<std::string_view>;
 
-// What planning knows about one key; one look-up per source item finds all of it.
-// Indices rather than pointers keep the index's buckets small.
-struct KeySlot {
-    static constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
-    std::uint32_t destination = kNone;  // the destination item's index in its scan
-    std::uint32_t firstSource = kNone;  // the index of the first source item planned under this key
+constexpr std::uint32_t kNoItem = std::numeric_limits<std::uint32_t>::max();
 
-    // The item whose key the slot is stored under: its destination item, else its source item.
-    std::pair<Side, std::uint32_t> keyedBy() const {
-        return destination != kNone ? std::pair(Side::destination, destination) : std::pair(Side::source, firstSource);
-    }
-};
-
-// The index reads a slot's key from the scanned item it names.
-struct SlotKey {
+// An index reads a stored item's key from the scanned item itself, so a bucket is the
+// key's hash and the item's index in its scan: 8 bytes.
+struct ItemKey {
     const MatchKeys* keys;
-    std::string_view operator()(const KeySlot& slot) const {
-        const auto [side, index] = slot.keyedBy();
-        return keys->made(side, index);
-    }
+    Side side;
+    std::string_view operator()(std::uint32_t index) const { return keys->made(side, index); }
 };
 
-using KeyIndex = FlatKeyMap<KeySlot, SlotKey>;
+using ItemIndex = FlatKeyMap<std::uint32_t, ItemKey>;
 
 // The match keys of one side's entries, in order, each made a few entries before it is
-// looked up, with its bucket, then the item found there under the key's hash, then that
-// item's path text told to start loading: a look-up per item into an index of hundreds of
-// thousands otherwise waits on memory each time.
+// looked up in the destination's index, with its bucket, then the item found there under
+// the key's hash, then that item's path text told to start loading: a look-up per item
+// into an index of hundreds of thousands otherwise waits on memory each time.
 class KeysAhead {
 public:
-    KeysAhead(Side side, MatchKeys& keys, const KeyIndex& index)
-        : side_(side), count_(keys.count(side)), keys_(keys), index_(index) {}
+    KeysAhead(Side side, MatchKeys& keys, const ItemIndex& destinations)
+        : side_(side), count_(keys.count(side)), keys_(keys), destinations_(destinations) {}
 
     // The key of entry `position`. Positions are asked for in increasing order.
-    const KeyIndex::HashedKey& operator[](std::size_t position) {
+    const ItemIndex::HashedKey& operator[](std::size_t position) {
         for (; made_ < count_ && made_ <= position + kBucketDistance; ++made_) {
-            KeyIndex::HashedKey& key = ring_[made_ % kRing];
-            key = KeyIndex::HashedKey(keys_.of(side_, made_));
-            index_.prefetch(key);
+            ItemIndex::HashedKey& key = ring_[made_ % kRing];
+            key = ItemIndex::HashedKey(keys_.of(side_, made_));
+            destinations_.prefetch(key);
         }
         // Their buckets have had time to arrive.
         if (position + kItemDistance < made_) {
-            if (const KeySlot* slot = index_.candidate(ring_[(position + kItemDistance) % kRing])) {
-                const auto [side, index] = slot->keyedBy();
-                __builtin_prefetch(&keys_.entry(side, index));
+            if (const std::uint32_t* found = destinations_.candidate(ring_[(position + kItemDistance) % kRing])) {
+                __builtin_prefetch(&keys_.entry(Side::destination, *found));
             }
         }
         if (position + kTextDistance < made_) {
-            if (const KeySlot* slot = index_.candidate(ring_[(position + kTextDistance) % kRing])) {
-                const auto [side, index] = slot->keyedBy();
-                keys_.prefetchText(side, index);
+            if (const std::uint32_t* found = destinations_.candidate(ring_[(position + kTextDistance) % kRing])) {
+                keys_.prefetchText(Side::destination, *found);
             }
         }
         return ring_[position % kRing];
@@ -147,10 +135,34 @@ private:
     Side side_;
     std::size_t count_;
     MatchKeys& keys_;
-    const KeyIndex& index_;
-    std::array<KeyIndex::HashedKey, kRing> ring_{};
+    const ItemIndex& destinations_;
+    std::array<ItemIndex::HashedKey, kRing> ring_{};
     std::size_t made_ = 0;
 };
+
+// A source item's key and the destination item found under it, if any.
+struct SourceLookUp {
+    ItemIndex::HashedKey key;
+    std::uint32_t destination = kNoItem;
+};
+
+// Runs `beside` on a second thread while `here` runs on this one; a failure of either
+// reaches the caller once both are done.
+template <typename Here, typename Beside>
+void runBeside(Here here, Beside beside) {
+    std::exception_ptr failure;
+    {
+        const std::jthread second([&] {
+            try {
+                beside();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+        });
+        here();
+    }
+    if (failure) std::rethrow_exception(failure);
+}
 
 std::string_view parentKey(std::string_view key) {
     const std::size_t slash = key.rfind('/');
@@ -174,43 +186,59 @@ public:
         : input_(input),
           comparator_(comparator),
           keys_(input.destinationCaseSensitive, input.source.orderedEntries(), input.destination.orderedEntries()),
-          slots_(SlotKey{&keys_}, std::max(input.destination.size(), input.source.size())),
+          destinations_(ItemKey{&keys_, Side::destination}, input.destination.size()),
+          // At least this many source keys have no destination item.
+          sourceOnly_(ItemKey{&keys_, Side::source},
+                      input.source.size() - std::min(input.source.size(), input.destination.size())),
+          firstSources_(input.destination.size(), kNoItem),
           matched_(input.destination.size()) {
-        if (std::max(input.destination.size(), input.source.size()) >= KeySlot::kNone) {
+        if (std::max(input.destination.size(), input.source.size()) >= kNoItem) {
             throw std::length_error("More items than one plan can hold.");
         }
         // Room for every source item and exclusion, so that the file list can become the
         // whole plan in place (see sortActionsForExecution).
         files_.reserve(input.source.size() + input.source.excluded.size() + input.destination.excluded.size());
-        KeysAhead keys(Side::destination, keys_, slots_);
+        KeysAhead keys(Side::destination, keys_, destinations_);
         for (std::uint32_t index = 0; index < input.destination.size(); ++index) {
-            slots_.tryEmplace(keys[index], KeySlot{.destination = index});
+            destinations_.tryEmplace(keys[index], index);
         }
     }
 
+    // Source items go in chunks: each chunk is looked up in the destination's index
+    // first (hashing, and most of the pass's waits on memory), then planned in order.
+    // Where the keys are the paths' own texts, the next chunk's look-ups run on a second
+    // thread while this one plans. The look-ups read only what stays put meanwhile: the
+    // destination's index (source keys without a destination item go to an index of
+    // their own) and the scanned entries (the destination's path texts are handed over
+    // between chunks).
     void planSource(const std::stop_token& stop) {
-        const auto& sources = input_.source.orderedEntries();
-        KeysAhead keys(Side::source, keys_, slots_);
-        for (std::uint32_t index = 0; index < sources.size(); ++index) {
-            if (stop.stop_requested()) throw SyncError(SyncError::Cancelled{});
-            const FileSystemEntry& entry = sources[index];
-            const KeyIndex::HashedKey& hashed = keys[index];
-            const std::string_view key = hashed.text;
-            if (!unplannedFolders_.empty() && unplannedFolders_.contains(parentKey(key))) {
-                if (entry.isDirectory()) unplannedFolders_.insert(key);
-                // Never archive what the source still holds.
-                if (const KeySlot* found = slots_.find(hashed)) markMatched(*found);
-                continue;
+        const std::size_t count = input_.source.size();
+        const std::size_t chunks = (count + kChunk - 1) / kChunk;
+        KeysAhead keys(Side::source, keys_, destinations_);
+        std::array<std::vector<SourceLookUp>, 2> lookUps;
+        const auto lookUp = [&](std::size_t chunk) {
+            std::vector<SourceLookUp>& into = lookUps[chunk % 2];
+            into.clear();
+            for (std::size_t index = chunk * kChunk; index < std::min(count, (chunk + 1) * kChunk); ++index) {
+                const ItemIndex::HashedKey& key = keys[index];
+                const std::uint32_t* destination = destinations_.find(key);
+                into.push_back(SourceLookUp{key, destination ? *destination : kNoItem});
             }
-            auto [slot, inserted] = slots_.tryEmplace(hashed, KeySlot{.firstSource = index});
-            if (!inserted && slot.firstSource != KeySlot::kNone) {
-                planSourceCollision(entry, sources[slot.firstSource].relativePath);
-                if (entry.isDirectory()) unplannedFolders_.insert(key);
-                continue;
+        };
+        // Lower-cased keys are made on demand into a list the planning also reads.
+        const bool beside = keys_.caseSensitive() && chunks > 1 && std::thread::hardware_concurrency() > 1;
+        if (beside) lookUp(0);
+        for (std::size_t chunk = 0; chunk < chunks; ++chunk) {
+            const auto plan = [&] { planChunk(chunk * kChunk, lookUps[chunk % 2], stop); };
+            if (!beside) {
+                lookUp(chunk);
+                plan();
+            } else if (chunk + 1 < chunks) {
+                runBeside(plan, [&] { lookUp(chunk + 1); });
+            } else {
+                plan();
             }
-            slot.firstSource = index;
-            if (slot.destination != KeySlot::kNone) shareDestinationPathText(slot.destination, entry);
-            planSourceEntry(entry, key, slot);
+            shareDestinationPathTexts();
         }
     }
 
@@ -245,12 +273,13 @@ public:
     void planMirrorDestinationPass() {
         if (input_.mode != SyncMode::mirror) return;
         const auto& destinations = input_.destination.orderedEntries();
-        KeysAhead keys(Side::destination, keys_, slots_);
+        KeysAhead keys(Side::destination, keys_, destinations_);
         for (std::size_t index = 0; index < destinations.size(); ++index) {
             const FileSystemEntry& entry = destinations[index];
-            const KeyIndex::HashedKey& hashed = keys[index];
+            const ItemIndex::HashedKey& hashed = keys[index];
             const std::string_view key = hashed.text;
-            if (const KeySlot* found = slots_.find(hashed); found && isMatched(*found)) continue;
+            // An item whose key an earlier destination item holds goes with that item.
+            if (const std::uint32_t* found = destinations_.find(hashed); found && matched_[*found]) continue;
             // An exclusion protects the destination item too.
             if (isAtOrBelow(key, excludedKeys_)) continue;
             // What the source could not list cannot be judged missing.
@@ -275,26 +304,66 @@ public:
         addRunWarnings(warnings, plan.summary);
         plan.summary.warningCount = static_cast<std::int64_t>(warnings.size());
 
-        slots_.clear();  // its room goes to the sort
+        // Their room goes to the sort.
+        destinations_.clear();
+        sourceOnly_.clear();
+        std::vector<std::uint32_t>().swap(firstSources_);
         sortActionsForExecution(creations_, files_, archives_, others_, plan.actions);
         plan.notes = cloudFolderNotes(plan);
         return plan;
     }
 
 private:
-    void markMatched(const KeySlot& slot) {
-        if (slot.destination != KeySlot::kNone) matched_[slot.destination] = true;
-    }
-    bool isMatched(const KeySlot& slot) const {
-        return slot.destination != KeySlot::kNone && matched_[slot.destination];
+    static constexpr std::size_t kChunk = 8192;
+    static constexpr std::size_t kSourceOnlyAhead = 16;  // look-ups whose bucket is requested ahead
+
+    // Plans the source items from `first` on, one per look-up, in order.
+    void planChunk(std::size_t first, const std::vector<SourceLookUp>& lookUps, const std::stop_token& stop) {
+        const auto& sources = input_.source.orderedEntries();
+        for (std::size_t at = 0; at < lookUps.size(); ++at) {
+            if (stop.stop_requested()) throw SyncError(SyncError::Cancelled{});
+            const auto index = static_cast<std::uint32_t>(first + at);
+            const FileSystemEntry& entry = sources[index];
+            const SourceLookUp& lookUp = lookUps[at];
+            const std::string_view key = lookUp.key.text;
+            if (at + kSourceOnlyAhead < lookUps.size() && lookUps[at + kSourceOnlyAhead].destination == kNoItem) {
+                sourceOnly_.prefetch(lookUps[at + kSourceOnlyAhead].key);
+            }
+            if (!unplannedFolders_.empty() && unplannedFolders_.contains(parentKey(key))) {
+                if (entry.isDirectory()) unplannedFolders_.insert(key);
+                // Never archive what the source still holds.
+                if (lookUp.destination != kNoItem) matched_[lookUp.destination] = true;
+                continue;
+            }
+            std::uint32_t earlier = kNoItem;  // the source item first planned under this key
+            if (lookUp.destination != kNoItem) {
+                earlier = firstSources_[lookUp.destination];
+            } else if (auto [stored, inserted] = sourceOnly_.tryEmplace(lookUp.key, index); !inserted) {
+                earlier = stored;
+            }
+            if (earlier != kNoItem) {
+                planSourceCollision(entry, sources[earlier].relativePath);
+                if (entry.isDirectory()) unplannedFolders_.insert(key);
+                continue;
+            }
+            if (lookUp.destination != kNoItem) {
+                firstSources_[lookUp.destination] = index;
+                textsToShare_.emplace_back(lookUp.destination, index);
+            }
+            planSourceEntry(entry, key, lookUp.destination);
+        }
     }
 
     // A matched destination item nearly always has the source item's very path. It takes
     // the source's text, and the destination scan's copy goes while the plan grows, rather
-    // than both being held to the end. The index reads the slot's key from the item, so it
-    // reads the new text from now on: the same bytes.
-    void shareDestinationPathText(std::uint32_t destination, const FileSystemEntry& source) {
-        input_.destination.sharePathText(destination, source.relativePath);
+    // than both being held to the end. The destination's index reads the item's key from
+    // it, so it reads the new text from now on: the same bytes.
+    void shareDestinationPathTexts() {
+        const auto& sources = input_.source.orderedEntries();
+        for (const auto& [destination, source] : textsToShare_) {
+            input_.destination.sharePathText(destination, sources[source].relativePath);
+        }
+        textsToShare_.clear();
     }
 
     void planSourceCollision(const FileSystemEntry& entry, const RelativePath& earlier) {
@@ -307,11 +376,11 @@ private:
                                entry.relativePath);
     }
 
-    void planSourceEntry(const FileSystemEntry& source, std::string_view key, KeySlot& slot) {
+    void planSourceEntry(const FileSystemEntry& source, std::string_view key, std::uint32_t twin) {
         const FileSystemEntry* destination = nullptr;
-        if (slot.destination != KeySlot::kNone) {
-            destination = &input_.destination.orderedEntries()[slot.destination];
-            markMatched(slot);
+        if (twin != kNoItem) {
+            destination = &input_.destination.orderedEntries()[twin];
+            matched_[twin] = true;
         }
         if (source.kind == EntryKind::unsupported) {
             emit(others_, SyncAction{SyncActionType::skipUnsupportedItem, source.relativePath,
@@ -486,7 +555,15 @@ private:
     const FileComparator& comparator_;
     MatchKeys keys_;
 
-    KeyIndex slots_;
+    // The destination's keys, each under its first item; read-only while the source pass
+    // runs, so its look-ups can run on another thread.
+    ItemIndex destinations_;
+    // The keys of source items with no destination item, each under its first source item.
+    ItemIndex sourceOnly_;
+    // By destination index: the first source item planned under its key.
+    std::vector<std::uint32_t> firstSources_;
+    // Destination items matched in the chunk being planned, and their source twins.
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> textsToShare_;
     // By destination index: whether the source still holds that key's destination item.
     std::vector<bool> matched_;
     KeySet unplannedFolders_;
@@ -516,24 +593,6 @@ struct NamePrefix {
         return prefix;
     }
 };
-
-// Runs `beside` on a second thread while `here` runs on this one; a failure of either
-// reaches the caller once both are done.
-template <typename Here, typename Beside>
-void runBeside(Here here, Beside beside) {
-    std::exception_ptr failure;
-    {
-        const std::jthread second([&] {
-            try {
-                beside();
-            } catch (...) {
-                failure = std::current_exception();
-            }
-        });
-        here();
-    }
-    if (failure) std::rethrow_exception(failure);
-}
 
 // The execution order of one list, worked out without moving an action. The sort runs
 // at the end of planning, with the scans' processors free: from kSplitAt actions on, two

@@ -293,6 +293,62 @@ TEST_F(FakePairTest, OnlineOnlyFilesFollowThePolicy) {
     EXPECT_EQ(download.summary.bytesToDownload, 2'000'000);
 }
 
+// Enough items for the source pass to go in several chunks, whose look-ups run beside
+// the planning when keys are the paths' own texts. Names spelled a second way in the
+// next chunk, with and without a destination item, and a folder whose contents span
+// chunks below an item the pass must not plan into, come out as they do in a small pair.
+TEST_F(FakePairTest, ALargePairKeepsEveryRuleAcrossTheSourcePassChunks) {
+    const auto addFolder = [&](const std::string& folder) {
+        for (int file = 0; file < 100; ++file) {
+            fs.addFile("/src/" + folder + "/n" + std::to_string(file), "same");
+            fs.addFile("/dst/" + folder + "/n" + std::to_string(file), "same");
+        }
+    };
+    // The scan goes breadth-first, and a folder lists its items in the order they were
+    // made here: the root's 301 items, then 78 folders of 100 files and x, then big's
+    // items from 8,101 on, on either side of the first chunk's end (8,192 items).
+    for (int folder = 0; folder < 78; ++folder) addFolder("f" + std::to_string(folder));
+    fs.addFile("/src/big/Caf\u00e9", "same");
+    fs.addFile("/dst/big/Caf\u00e9", "same");
+    fs.addFile("/src/big/N\u00e9", "new");
+    for (int file = 0; file < 200; ++file) {
+        fs.addFile("/src/big/filler" + std::to_string(file), "same");
+        fs.addFile("/dst/big/filler" + std::to_string(file), "same");
+    }
+    fs.addFile("/src/big/Cafe\u0301", "same");
+    fs.addFile("/src/big/Ne\u0301", "new");
+    for (int folder = 78; folder < 300; ++folder) addFolder("f" + std::to_string(folder));
+    for (int file = 0; file < 50; ++file) fs.addFile("/dst/f3/old-" + std::to_string(file), "gone from the source");
+    for (int file = 0; file < 9000; ++file) {
+        fs.addFile("/src/f15/x/d" + std::to_string(file / 100) + "/m" + std::to_string(file), "new");
+    }
+    fs.addFile("/dst/f15/x", "a file where the source has a folder");
+
+    const auto expectUpdate = [&](const SyncPlan& plan) {
+        EXPECT_EQ(plan.summary.totalSourceItemsScanned, 301 + 30'000 + 204 + 1 + 90 + 9000);
+        EXPECT_EQ(plan.summary.filesUnchanged, 30'000 + 200 + 1);
+        EXPECT_EQ(plan.summary.filesToCopy, 1);  // big/Né, spelled precomposed
+        EXPECT_EQ(plan.summary.errorCount, 1);   // x, whose 9,090 items are not planned
+        EXPECT_EQ(plan.summary.itemsToArchive, 0);
+        Strings held;
+        for (const auto& action : plan.actions) {
+            EXPECT_FALSE(action.relativePath.value().starts_with("f15/x/")) << action.relativePath.value();
+            if (action.type == SyncActionType::warning) held.emplace_back(action.relativePath.value());
+        }
+        EXPECT_EQ(held, (Strings{"big/Cafe\u0301", "big/Ne\u0301"}));
+    };
+    expectUpdate(analyze(fs, "/src", "/dst"));
+    // Lower-cased keys are looked up on the planning thread itself.
+    expectUpdate(analyze(fs, "/src", "/dst", {.destinationCaseSensitive = false}));
+
+    const SyncPlan mirror = analyze(fs, "/src", "/dst", {.mode = SyncMode::mirror});
+    EXPECT_EQ(mirror.summary.filesUnchanged, 30'000 + 200 + 1);
+    EXPECT_EQ(mirror.summary.directoriesToCreate, 1 + 90);
+    EXPECT_EQ(mirror.summary.filesToCopy, 9000 + 1);
+    EXPECT_EQ(mirror.summary.itemsToArchive, 50 + 1);
+    EXPECT_EQ(mirror.summary.errorCount, 0);
+}
+
 TEST_F(FakePairTest, PlanningStopsWhenCancelled) {
     fs.addFile("/src/a.txt", "a");
     fs.addDirectory("/dst");
