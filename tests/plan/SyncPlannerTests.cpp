@@ -305,8 +305,8 @@ TEST_F(FakePairTest, ALargePairKeepsEveryRuleAcrossTheSourcePassChunks) {
         }
     };
     // The scan goes breadth-first, and a folder lists its items in the order they were
-    // made here: the root's 301 items, then 78 folders of 100 files and x, then big's
-    // items from 8,101 on, on either side of the first chunk's end (8,192 items).
+    // made here: the root's 301 items, then the 7,801 of f0 to f77 (f15 holds x too),
+    // then big's from 8,102 on, on either side of the first chunk's end (8,192 items).
     for (int folder = 0; folder < 78; ++folder) addFolder("f" + std::to_string(folder));
     fs.addFile("/src/big/Caf\u00e9", "same");
     fs.addFile("/dst/big/Caf\u00e9", "same");
