@@ -229,11 +229,9 @@ public:
         const bool beside = keys_.caseSensitive() && chunks > 1 && std::thread::hardware_concurrency() > 1;
         if (beside) lookUp(0);
         for (std::size_t chunk = 0; chunk < chunks; ++chunk) {
+            if (!beside) lookUp(chunk);
             const auto plan = [&] { planChunk(chunk * kChunk, lookUps[chunk % 2], stop); };
-            if (!beside) {
-                lookUp(chunk);
-                plan();
-            } else if (chunk + 1 < chunks) {
+            if (beside && chunk + 1 < chunks) {
                 runBeside(plan, [&] { lookUp(chunk + 1); });
             } else {
                 plan();
