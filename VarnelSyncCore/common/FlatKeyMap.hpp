@@ -1,9 +1,11 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -55,6 +57,59 @@ public:
         bucket = Bucket{key.hash, value};
         ++size_;
         return {bucket.value, true};
+    }
+
+    // Adds value i under its key (KeyOf(i)) for every i below `count`, with the outcome
+    // of tryEmplace in that order, on two threads: `runTwo(a, b)` must run both tasks, at
+    // once where it can, and return when both are done. Each task first hashes half of
+    // the keys, then adds those whose home bucket lies in its half of the array; a key
+    // whose probe would run on into the other half waits, and goes in once both are done.
+    // Keys of one text share a home, so one task meets them all, in order. KeyOf is
+    // called from both threads at once. The map must be empty.
+    template <typename RunTwo>
+    void emplaceIndices(std::size_t count, RunTwo runTwo) {
+        if (size_ != 0) throw std::logic_error("emplaceIndices fills an empty map");
+        if (count * 4 > buckets_.size() * 3) std::vector<Bucket>(capacityFor(count)).swap(buckets_);
+        std::vector<std::uint32_t> hashes(count);
+        const auto hash = [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i) hashes[i] = HashedKey(keyOf_(static_cast<Value>(i))).hash;
+        };
+        runTwo([&] { hash(0, count / 2); }, [&] { hash(count / 2, count); });
+
+        const std::size_t split = buckets_.size() / 2;
+        std::array<std::vector<std::size_t>, 2> waiting;
+        std::array<std::size_t, 2> added{};
+        const auto fill = [&](std::size_t part) {
+            const std::size_t begin = part == 0 ? 0 : split;
+            const std::size_t end = part == 0 ? split : buckets_.size();
+            constexpr std::size_t kAhead = 16;  // keys whose bucket is requested before it is read
+            for (std::size_t i = 0; i < count; ++i) {
+                if (i + kAhead < count) {
+                    const std::size_t ahead = homeOf(hashes[i + kAhead]);
+                    if (ahead >= begin && ahead < end) __builtin_prefetch(&buckets_[ahead]);
+                }
+                const std::size_t home = homeOf(hashes[i]);
+                if (home < begin || home >= end) continue;
+                for (std::size_t at = home;; ++at) {
+                    if (at == end) {
+                        waiting[part].push_back(i);
+                        break;
+                    }
+                    Bucket& bucket = buckets_[at];
+                    if (bucket.isEmpty()) {
+                        bucket = Bucket{hashes[i], static_cast<Value>(i)};
+                        ++added[part];
+                        break;
+                    }
+                    if (bucket.hash == hashes[i] && keyOf_(bucket.value) == keyOf_(static_cast<Value>(i))) break;
+                }
+            }
+        };
+        runTwo([&] { fill(0); }, [&] { fill(1); });
+        size_ = added[0] + added[1];
+        for (const std::vector<std::size_t>& keys : waiting) {
+            for (const std::size_t i : keys) tryEmplace(HashedKey(keyOf_(static_cast<Value>(i))), static_cast<Value>(i));
+        }
     }
 
     Value* find(const HashedKey& key) {

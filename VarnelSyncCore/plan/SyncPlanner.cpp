@@ -198,6 +198,12 @@ public:
         // Room for every source item and exclusion, so that the file list can become the
         // whole plan in place (see sortActionsForExecution).
         files_.reserve(input.source.size() + input.source.excluded.size() + input.destination.excluded.size());
+        // Lower-cased keys are made on demand, one after another, so only the paths' own
+        // texts can be hashed and placed on two threads.
+        if (keys_.caseSensitive() && input.destination.size() >= kChunk && std::thread::hardware_concurrency() > 1) {
+            destinations_.emplaceIndices(input.destination.size(), [](auto first, auto second) { runBeside(first, second); });
+            return;
+        }
         KeysAhead keys(Side::destination, keys_, destinations_);
         for (std::uint32_t index = 0; index < input.destination.size(); ++index) {
             destinations_.tryEmplace(keys[index], index);

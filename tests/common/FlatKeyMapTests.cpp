@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -91,6 +93,60 @@ TEST(FlatKeyMap, KeysOfOneHashAreToldApartByTheirText) {
         const int* found = map.find(Map::HashedKey(keys[static_cast<std::size_t>(i)]));
         ASSERT_NE(found, nullptr);
         EXPECT_EQ(*found, i);
+    }
+}
+
+// Filling from two threads must give what adding in order gives: every key found, the
+// first of two equal keys kept (also when it had to wait for the other half), and
+// nothing lost where a probe runs past the middle of the array or wraps at its end.
+TEST(FlatKeyMap, FillingOnTwoThreadsKeepsWhatAddingInOrderKeeps) {
+    std::vector<std::string> keys;
+    for (int i = 0; i < 30'000; ++i) keys.push_back("a/" + std::to_string(i % 113) + "/" + std::to_string(i));
+    for (int i = 0; i < 3'000; ++i) keys.push_back(keys[static_cast<std::size_t>(i * 7)]);  // later twins
+    const auto inOrder = [](auto first, auto second) {
+        first();
+        second();
+    };
+    const auto atOnce = [](auto first, auto second) {
+        std::thread other(second);
+        first();
+        other.join();
+    };
+    for (const bool threads : {false, true}) {
+        Map map(KeyAt{&keys});
+        if (threads) {
+            map.emplaceIndices(keys.size(), atOnce);
+        } else {
+            map.emplaceIndices(keys.size(), inOrder);
+        }
+        EXPECT_EQ(map.size(), 30'000u);
+        for (std::size_t i = 0; i < keys.size(); ++i) {
+            const int* found = map.find(Map::HashedKey(keys[i]));
+            ASSERT_NE(found, nullptr) << keys[i];
+            EXPECT_EQ(*found, static_cast<int>(i < 30'000 ? i : (i - 30'000) * 7)) << keys[i];
+        }
+        EXPECT_EQ(map.find(Map::HashedKey("a/1/30000")), nullptr);
+        EXPECT_THROW(map.emplaceIndices(1, inOrder), std::logic_error);
+    }
+
+    // Keys whose home buckets lie just before the middle of the array, where a fill of
+    // that half must leave them waiting. Homes are worked out as the map places them: a
+    // hash scaled to the array's 452 buckets (for 300 keys).
+    std::vector<std::string> crowded;
+    for (int i = 0; crowded.size() < 100; ++i) {
+        std::string key = "m" + std::to_string(i);
+        const std::uint64_t home = (static_cast<std::uint64_t>(Map::HashedKey(key).hash) * 452) >> 32;
+        if (home >= 223 && home < 226) crowded.push_back(std::move(key));
+    }
+    for (int i = 0; crowded.size() < 290; ++i) crowded.push_back("o" + std::to_string(i));
+    for (int i = 0; i < 10; ++i) crowded.push_back(crowded[static_cast<std::size_t>(90 + i)]);  // twins that wait too
+    Map middle(KeyAt{&crowded});
+    middle.emplaceIndices(crowded.size(), atOnce);
+    EXPECT_EQ(middle.size(), 290u);
+    for (std::size_t i = 0; i < crowded.size(); ++i) {
+        const int* found = middle.find(Map::HashedKey(crowded[i]));
+        ASSERT_NE(found, nullptr) << crowded[i];
+        EXPECT_EQ(*found, static_cast<int>(i < 290 ? i : i - 200)) << crowded[i];
     }
 }
 
