@@ -2,16 +2,19 @@
 
 #include "platform/ThreadDiskReads.hpp"
 
+#include <tuple>
 #include <utility>
 
 namespace varnel {
 
 FolderReadAhead::FolderReadAhead(Reader read, std::size_t helpers, std::size_t maxAhead,
-                                 std::int64_t diskBlocksBeforeHelping)
+                                 std::int64_t diskBlocksBeforeHelping, DiskBlockCounter diskBlocks)
     : read_(std::move(read)),
       maxAhead_(maxAhead > 0 ? maxAhead : 1),
       blocksBeforeHelping_(diskBlocksBeforeHelping),
-      helping_(helpers > 0 && diskBlocksBeforeHelping <= 0) {
+      diskBlocks_(diskBlocks != nullptr ? diskBlocks : diskBlocksReadByThisThread),
+      helping_(helpers > 0 && diskBlocksBeforeHelping <= 0),
+      pausable_(false) {
     helpers_.reserve(helpers);
     try {
         for (std::size_t i = 1; i <= helpers; ++i) helpers_.emplace_back([this, i] { help(i); });
@@ -58,7 +61,14 @@ FolderListing FolderReadAhead::take() {
     if (readItHere) started_ = taken_;
     lock.unlock();
     if (helping && roomMade) workForHelpers_.notify_one();
-    if (readItHere) return helping ? read_(slot->folder, 0) : readHere(slot->folder);
+    if (readItHere) {
+        auto [listing, blocks] = readCounting(slot->folder, 0);
+        lock.lock();
+        const bool starting = noteRead(blocks);
+        lock.unlock();
+        if (starting) workForHelpers_.notify_all();
+        return std::move(listing);
+    }
 
     lock.lock();
     awaited_ = slot.get();
@@ -69,20 +79,41 @@ FolderListing FolderReadAhead::take() {
     return std::move(slot->listing);
 }
 
-FolderListing FolderReadAhead::readHere(const RelativePath& folder) {
-    const std::optional<std::int64_t> before = diskBlocksReadByThisThread();
-    FolderListing listing = read_(folder, 0);
-    const std::optional<std::int64_t> after = diskBlocksReadByThisThread();
+std::pair<FolderListing, std::optional<std::int64_t>> FolderReadAhead::readCounting(const RelativePath& folder,
+                                                                                   std::size_t reader) {
+    const std::optional<std::int64_t> before = diskBlocks_();
+    FolderListing listing = read_(folder, reader);
+    const std::optional<std::int64_t> after = diskBlocks_();
+    if (!before || !after) return {std::move(listing), std::nullopt};
+    return {std::move(listing), *after - *before};
+}
+
+bool FolderReadAhead::noteRead(std::optional<std::int64_t> blocks) {
+    if (helpers_.empty()) return false;
+    if (helping_) {
+        // Where the system does not say, every folder counts as read from the disk.
+        if (blocks.value_or(1) > 0) {
+            quietFolders_ = 0;
+        } else if (pausable_ && ++quietFolders_ >= kQuietFoldersBeforePause) {
+            helping_ = false;
+            blocksSincePause_ = 0;
+        }
+        return false;
+    }
     // Where the system does not say, the helpers help from the first folder on.
-    blocksReadHere_ += before && after ? *after - *before : blocksBeforeHelping_;
-    if (blocksReadHere_ >= blocksBeforeHelping_) startHelping();
-    return listing;
+    blocksSincePause_ += blocks.value_or(blocksBeforeHelping_);
+    if (blocksSincePause_ < blocksBeforeHelping_) return false;
+    helping_ = true;
+    pausable_ = true;
+    quietFolders_ = 0;
+    return true;
 }
 
 void FolderReadAhead::startHelping() {
     if (helpers_.empty()) return;
     {
         const std::lock_guard lock(mutex_);
+        pausable_ = false;
         if (helping_) return;
         helping_ = true;
     }
@@ -100,13 +131,15 @@ void FolderReadAhead::help(std::size_t reader) {
         ++started_;
         lock.unlock();
         FolderListing listing;
+        std::optional<std::int64_t> blocks;
         std::exception_ptr failure;
         try {
-            listing = read_(slot->folder, reader);
+            std::tie(listing, blocks) = readCounting(slot->folder, reader);
         } catch (...) {
             failure = std::current_exception();
         }
         lock.lock();
+        if (noteRead(blocks)) workForHelpers_.notify_all();
         slot->listing = std::move(listing);
         slot->failure = failure;
         slot->done = true;

@@ -15,6 +15,7 @@
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace varnel {
@@ -40,19 +41,27 @@ struct FolderListing {
 // stays as it is without helpers. Helpers stay at most `maxAhead` folders ahead; a folder
 // no helper has started yet is read by the scan itself.
 //
-// The helpers start once the scan's own reads have made the disk read
+// The helpers start once reading folders has made the disk read
 // `diskBlocksBeforeHelping` blocks (at once for 0), or when told to (startHelping): when
 // everything is in cache, reading is work for the processor alone, which the scan's
 // thread does best without handing results between threads, unless a processor would
-// otherwise stand idle.
+// otherwise stand idle. Started by the disk, they pause again after
+// kQuietFoldersBeforePause folders in a row that the cache answered alone, and count
+// blocks afresh: a cache that has lost a few stretches of a tree sends the scan to the
+// disk for those only.
 class FolderReadAhead {
 public:
     // `read` should report problems in the listing rather than throw them. It is called
     // from several threads at once, each with its own number: 0 for the thread that
     // takes, 1 to `helpers` for the helpers.
     using Reader = std::function<FolderListing(const RelativePath& folder, std::size_t reader)>;
+    // The disk blocks the calling thread has had read so far, or none where unknown.
+    using DiskBlockCounter = std::optional<std::int64_t> (*)();
 
-    FolderReadAhead(Reader read, std::size_t helpers, std::size_t maxAhead, std::int64_t diskBlocksBeforeHelping);
+    static constexpr std::uint64_t kQuietFoldersBeforePause = 128;
+
+    FolderReadAhead(Reader read, std::size_t helpers, std::size_t maxAhead, std::int64_t diskBlocksBeforeHelping,
+                    DiskBlockCounter diskBlocks = nullptr);
     FolderReadAhead(const FolderReadAhead&) = delete;
     FolderReadAhead& operator=(const FolderReadAhead&) = delete;
     // Lets the helpers finish the folder each is reading, then joins them.
@@ -74,7 +83,12 @@ private:
     };
 
     void help(std::size_t reader);
-    FolderListing readHere(const RelativePath& folder);
+    // Reads a folder and returns how many disk blocks that took, or none where unknown.
+    std::pair<FolderListing, std::optional<std::int64_t>> readCounting(const RelativePath& folder,
+                                                                      std::size_t reader);
+    // Starts or pauses the helpers by what one folder's reading needed; under the lock.
+    // Returns whether they start.
+    bool noteRead(std::optional<std::int64_t> blocks);
     void stop();
 
     Reader read_;
@@ -91,8 +105,11 @@ private:
     std::uint64_t added_ = 0;
     std::size_t maxAhead_;
     std::int64_t blocksBeforeHelping_;
+    DiskBlockCounter diskBlocks_;
     bool helping_;
-    std::int64_t blocksReadHere_ = 0;  // by the taking thread, while reading folders itself
+    bool pausable_;                  // helping because the disk was read, not because told
+    std::int64_t blocksSincePause_ = 0;  // while not helping
+    std::uint64_t quietFolders_ = 0;     // in a row, while helping
     bool stopping_ = false;
     std::vector<std::thread> helpers_;
 };
