@@ -63,6 +63,10 @@ public:
 
     // The NFC form that comparisons use.
     std::string_view canonicalValue() const { return text_ ? text_->canonical() : std::string_view(); }
+    // Whether the value is its own canonical form (as nearly every scanned path's is).
+    bool valueIsCanonical() const { return text_ == nullptr || !text_->hasCanonical(); }
+    // Whether both name their path with one and the same text.
+    bool sharesTextWith(const RelativePath& other) const { return text_ == other.text_; }
 
     friend bool operator==(const RelativePath& a, const RelativePath& b) {
         return a.text_ == b.text_ || a.canonicalValue() == b.canonicalValue();

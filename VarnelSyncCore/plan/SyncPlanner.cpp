@@ -144,6 +144,7 @@ private:
 struct SourceLookUp {
     ItemIndex::HashedKey key;
     std::uint32_t destination = kNoItem;
+    bool samePathText = false;  // the two items' paths are the same text, byte for byte
 };
 
 // Runs `beside` on a second thread while `here` runs on this one; a failure of either
@@ -228,7 +229,13 @@ public:
             for (std::size_t index = chunk * kChunk; index < std::min(count, (chunk + 1) * kChunk); ++index) {
                 const ItemIndex::HashedKey& key = keys[index];
                 const std::uint32_t* destination = destinations_.find(key);
-                into.push_back(SourceLookUp{key, destination ? *destination : kNoItem});
+                if (destination == nullptr) {
+                    into.push_back(SourceLookUp{key, kNoItem});
+                    continue;
+                }
+                const RelativePath& path = keys_.entry(Side::source, index).relativePath;
+                const RelativePath& twin = keys_.entry(Side::destination, *destination).relativePath;
+                into.push_back(SourceLookUp{key, *destination, isSameText(path, twin)});
             }
         };
         // Lower-cased keys are made on demand into a list the planning also reads.
@@ -320,12 +327,23 @@ public:
 private:
     static constexpr std::size_t kChunk = 8192;
     static constexpr std::size_t kSourceOnlyAhead = 16;  // look-ups whose bucket is requested ahead
+    static constexpr std::size_t kEntriesAhead = 16;     // items whose entries are requested ahead
+    static constexpr std::size_t kTextsAhead = 8;        // items whose path texts are requested ahead
 
-    // Plans the source items from `first` on, one per look-up, in order.
+    // Plans the source items from `first` on, one per look-up, in order. The look-ups
+    // last read the entries and their path texts on the other processor: they are
+    // requested a few items ahead, the entries first and their texts once they are here.
     void planChunk(std::size_t first, const std::vector<SourceLookUp>& lookUps, const std::stop_token& stop) {
         const auto& sources = input_.source.orderedEntries();
+        const auto& destinations = input_.destination.orderedEntries();
         for (std::size_t at = 0; at < lookUps.size(); ++at) {
             if (stop.stop_requested()) throw SyncError(SyncError::Cancelled{});
+            if (at + kEntriesAhead < lookUps.size()) {
+                __builtin_prefetch(&sources[first + at + kEntriesAhead]);
+                const std::uint32_t twin = lookUps[at + kEntriesAhead].destination;
+                if (twin != kNoItem) __builtin_prefetch(&destinations[twin]);
+            }
+            if (at + kTextsAhead < lookUps.size()) sources[first + at + kTextsAhead].relativePath.prefetch();
             const auto index = static_cast<std::uint32_t>(first + at);
             const FileSystemEntry& entry = sources[index];
             const SourceLookUp& lookUp = lookUps[at];
@@ -352,10 +370,19 @@ private:
             }
             if (lookUp.destination != kNoItem) {
                 firstSources_[lookUp.destination] = index;
-                textsToShare_.emplace_back(lookUp.destination, index);
+                if (lookUp.samePathText) textsToShare_.emplace_back(lookUp.destination, index);
             }
             planSourceEntry(entry, key, lookUp.destination);
         }
+    }
+
+    // Whether a source item's path and that of the destination item found under its key
+    // are the same text. Asked right after the look-up, while both texts are in this
+    // processor's cache: a case-sensitive key is the canonical text, so paths that have no
+    // other form (nearly all) are equal once found.
+    bool isSameText(const RelativePath& path, const RelativePath& twin) const {
+        if (keys_.caseSensitive() && path.valueIsCanonical() && twin.valueIsCanonical()) return true;
+        return path.value() == twin.value();
     }
 
     // A matched destination item nearly always has the source item's very path. It takes

@@ -2,6 +2,7 @@
 
 #include "scan/SharedEntry.hpp"
 
+#include <cassert>
 #include <cstdint>
 #include <new>
 #include <string_view>
@@ -36,9 +37,8 @@ SharedEntry EntryStore::share(const FileSystemEntry& stored) const {
 
 void EntryStore::sharePathText(std::size_t index, const RelativePath& candidate) {
     RelativePath& path = entriesOf(blocks_[index / kPerBlock])[index % kPerBlock].relativePath;
-    const std::string_view own = path.value();
-    const std::string_view other = candidate.value();
-    if (own.data() != other.data() && own == other) path = candidate;
+    assert(path.value() == candidate.value());
+    if (!path.sharesTextWith(candidate)) path = candidate;
 }
 
 const EntryStore& EntryStore::holding(const FileSystemEntry* entry) {

@@ -45,10 +45,11 @@ public:
     // A handle that keeps `stored`, one of this store's entries, alive without copying it.
     SharedEntry share(const FileSystemEntry& stored) const;
 
-    // When entry `index`'s path holds the very bytes of `candidate` in a text of its own,
-    // the entry names its path with `candidate`'s text instead, and its own text goes
-    // unless something else holds it. No value changes; still, no other thread may read
-    // the store meanwhile, and views of the old text end here.
+    // Entry `index`'s path, whose text the caller has found to hold the very bytes of
+    // `candidate`'s, names its path with `candidate`'s text from now on, and its own text
+    // goes unless something else holds it. No value changes; still, no other thread may
+    // read the entry meanwhile, and views of the old text end here. (The bytes are not
+    // compared again: the caller compares them where they are still in cache.)
     void sharePathText(std::size_t index, const RelativePath& candidate);
 
 private:
