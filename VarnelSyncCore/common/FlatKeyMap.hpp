@@ -108,7 +108,9 @@ public:
         runTwo([&] { fill(0); }, [&] { fill(1); });
         size_ = added[0] + added[1];
         for (const std::vector<std::size_t>& keys : waiting) {
-            for (const std::size_t i : keys) tryEmplace(HashedKey(keyOf_(static_cast<Value>(i))), static_cast<Value>(i));
+            for (const std::size_t i : keys) {
+                tryEmplace(HashedKey(keyOf_(static_cast<Value>(i))), static_cast<Value>(i));
+            }
         }
     }
 

@@ -202,7 +202,8 @@ public:
         // Lower-cased keys are made on demand, one after another, so only the paths' own
         // texts can be hashed and placed on two threads.
         if (keys_.caseSensitive() && input.destination.size() >= kChunk && std::thread::hardware_concurrency() > 1) {
-            destinations_.emplaceIndices(input.destination.size(), [](auto first, auto second) { runBeside(first, second); });
+            destinations_.emplaceIndices(input.destination.size(),
+                                         [](auto first, auto second) { runBeside(first, second); });
             return;
         }
         KeysAhead keys(Side::destination, keys_, destinations_);
@@ -330,8 +331,8 @@ private:
     static constexpr std::size_t kEntriesAhead = 16;     // items whose entries are requested ahead
     static constexpr std::size_t kTextsAhead = 8;        // items whose path texts are requested ahead
 
-    // Plans the source items from `first` on, one per look-up, in order. The look-ups
-    // last read the entries and their path texts on the other processor: they are
+    // Plans the source items from `first` on, one per look-up, in order. Look-ups on the
+    // other processor were the last to read the entries and their path texts: they are
     // requested a few items ahead, the entries first and their texts once they are here.
     void planChunk(std::size_t first, const std::vector<SourceLookUp>& lookUps, const std::stop_token& stop) {
         const auto& sources = input_.source.orderedEntries();

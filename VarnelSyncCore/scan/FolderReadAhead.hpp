@@ -107,7 +107,7 @@ private:
     std::int64_t blocksBeforeHelping_;
     DiskBlockCounter diskBlocks_;
     bool helping_;
-    bool pausable_;                  // helping because the disk was read, not because told
+    bool pausable_;                      // helping because the disk was read, not because told
     std::int64_t blocksSincePause_ = 0;  // while not helping
     std::uint64_t quietFolders_ = 0;     // in a row, while helping
     bool stopping_ = false;
