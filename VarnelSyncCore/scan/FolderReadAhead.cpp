@@ -61,6 +61,7 @@ FolderListing FolderReadAhead::take() {
     if (readItHere) started_ = taken_;
     lock.unlock();
     if (helping && roomMade) workForHelpers_.notify_one();
+    if (readItHere && helpers_.empty()) return read_(slot->folder, 0);  // nothing to start or pause
     if (readItHere) {
         auto [listing, blocks] = readCounting(slot->folder, 0);
         lock.lock();
@@ -89,7 +90,6 @@ std::pair<FolderListing, std::optional<std::int64_t>> FolderReadAhead::readCount
 }
 
 bool FolderReadAhead::noteRead(std::optional<std::int64_t> blocks) {
-    if (helpers_.empty()) return false;
     if (helping_) {
         // Where the system does not say, every folder counts as read from the disk.
         if (blocks.value_or(1) > 0) {

@@ -86,8 +86,8 @@ private:
     // Reads a folder and returns how many disk blocks that took, or none where unknown.
     std::pair<FolderListing, std::optional<std::int64_t>> readCounting(const RelativePath& folder,
                                                                       std::size_t reader);
-    // Starts or pauses the helpers by what one folder's reading needed; under the lock.
-    // Returns whether they start.
+    // Starts or pauses the helpers (there are some) by what one folder's reading needed;
+    // under the lock. Returns whether they start.
     bool noteRead(std::optional<std::int64_t> blocks);
     void stop();
 
