@@ -8,7 +8,9 @@ Rows of the TSV: scenario dataset condition tool round metric value items bytes 
 Metric "seconds" rows make the time table: median seconds, items/s and MB/s from the
 median, and for every varnel-* tool of the group its time divided by each tool's, as
 the median of the per-round ratios followed by the ratio of each round (below 1: Varnel
-Sync was faster). Sampled memory runs (bench/suite_mem.py) make the memory table, per
+Sync was faster). Where the suite probed the processors before each run (S1, metric
+"round_trip_ns", see suite_pingpong.c), a last column gives each round's round trip.
+Sampled memory runs (bench/suite_mem.py) make the memory table, per
 scanned item; the timed runs' own peak RSS stays in the TSV only.
 """
 import csv
@@ -34,12 +36,17 @@ def fmt_rate(x):
     return f"{x:,.0f}" if x >= 100 else f"{x:.1f}"
 
 
-def time_table(rows):
+def time_table(rows, round_trips):
     by_tool = OrderedDict()
     for r in rows:
         by_tool.setdefault(r["tool"], []).append(r)
+    trips = defaultdict(dict)
+    for r in round_trips:
+        trips[r["tool"]][r["round"]] = r["value"]
     refs = [t for t in by_tool if t.startswith("varnel")]
     head = ["tool", "runs", "median s", "items/s", "MB/s"] + [f"{ref} ÷ tool (per round)" for ref in refs]
+    if trips:
+        head.append("processor round trip ns (per round)")
     lines = ["| " + " | ".join(head) + " |", "|" + "---|" * len(head)]
     per_round = {t: {r["round"]: float(r["value"]) for r in rs} for t, rs in by_tool.items()}
     for tool, rs in by_tool.items():
@@ -56,6 +63,9 @@ def time_table(rows):
                 cells.append("—")
             else:
                 cells.append(f"{statistics.median(ratios):.2f} ({' '.join(f'{x:.2f}' for x in ratios)})")
+        if trips:
+            rounds = sorted(trips[tool], key=int)
+            cells.append(" ".join(trips[tool][k] for k in rounds) if rounds else "—")
         lines.append("| " + " | ".join(cells) + " |")
     return lines
 
@@ -105,11 +115,12 @@ def main():
         groups.setdefault((r["scenario"], r["dataset"], r["condition"]), []).append(r)
     for (scenario, dataset, condition), rs in groups.items():
         timed = [r for r in rs if r["metric"] == "seconds"]
-        mem = [r for r in rs if r["metric"] != "seconds"]
+        round_trips = [r for r in rs if r["metric"] == "round_trip_ns"]
+        mem = [r for r in rs if r["metric"] not in ("seconds", "round_trip_ns")]
         sampled = any(r["metric"].startswith("tree_") for r in mem)
         print(f"\n### {scenario} {dataset} ({condition}): {TITLES.get(scenario, '')}\n")
         if timed:
-            print("\n".join(time_table(timed)))
+            print("\n".join(time_table(timed, round_trips)))
         if sampled:
             if timed:
                 print()
