@@ -10,8 +10,8 @@ median, and for every varnel-* tool of the group its time divided by each tool's
 the median of the per-round ratios followed by the ratio of each round (below 1: Varnel
 Sync was faster). Where the suite probed the processors before each run (S1, metric
 "round_trip_ns", see suite_pingpong.c), a last column gives each round's round trip.
-Sampled memory runs (bench/suite_mem.py) make the memory table, per
-scanned item; the timed runs' own peak RSS stays in the TSV only.
+Sampled memory runs (bench/suite_mem.py) make the memory table, per scanned item; the
+timed runs' own peak RSS stays in the TSV only.
 """
 import csv
 import statistics

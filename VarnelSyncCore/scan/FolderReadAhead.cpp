@@ -61,8 +61,8 @@ FolderListing FolderReadAhead::take() {
     if (readItHere) started_ = taken_;
     lock.unlock();
     if (helping && roomMade) workForHelpers_.notify_one();
-    if (readItHere && helpers_.empty()) return read_(slot->folder, 0);  // nothing to start or pause
     if (readItHere) {
+        if (helpers_.empty()) return read_(slot->folder, 0);  // nothing to start or pause
         auto [listing, blocks] = readCounting(slot->folder, 0);
         lock.lock();
         const bool starting = noteRead(blocks);
