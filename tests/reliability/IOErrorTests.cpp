@@ -86,7 +86,10 @@ TEST_F(IOErrorTests, AFolderFlushFailingAfterTheRenameIsAWarningNotAnUndo) {
     const auto result = engine.sync(profileID).result;
     EXPECT_EQ(result.filesFailed, 0);
     EXPECT_TRUE(result.errors.empty());
-    EXPECT_EQ(result.durability.directoryFlushFailures, 1);
+    // The flush covered a run of small files of one folder: how many the copies had
+    // gathered by then depends on timing, and each of them is uncertain.
+    EXPECT_GE(result.durability.directoryFlushFailures, 1);
+    EXPECT_EQ(result.durability.filesUncertainDurability, result.durability.directoryFlushFailures);
     EXPECT_EQ(result.outcome, SyncRunOutcome::completedWithWarnings);
     EXPECT_EQ(checker->check(SyncChecker::Moment::complete), std::vector<std::string>{});
 }
