@@ -35,9 +35,11 @@ void* PathArena::allocate(std::size_t bytes) {
         if (current_) releaseChunk(*current_);
         current_ = fresh;
         used_ = sizeof(ChunkHeader);
+        prefaulted_.restart();
     }
     void* room = reinterpret_cast<char*>(current_) + used_;
     used_ += bytes;
+    prefaulted_.cover(reinterpret_cast<std::byte*>(current_), kChunkSize, used_);
     current_->references.fetch_add(1, std::memory_order_relaxed);
     return room;
 }

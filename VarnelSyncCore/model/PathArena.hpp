@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/PrefaultedPages.hpp"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -67,6 +69,7 @@ private:
     std::atomic<std::size_t> references_{1};
     ChunkHeader* current_ = nullptr;  // the chunk being filled
     std::size_t used_ = kChunkSize;   // of it; full until the first one exists
+    PrefaultAhead prefaulted_;        // of the chunk being filled
 };
 
 }  // namespace varnel

@@ -17,14 +17,17 @@ EntryStore::~EntryStore() {
     for (std::byte* block : blocks_) ::operator delete(block, kBlockAlignment);
 }
 
-const FileSystemEntry& EntryStore::add(FileSystemEntry entry) {
+const FileSystemEntry& EntryStore::add(FileSystemEntry&& entry) {
     if (size_ == blocks_.size() * kPerBlock) {
         blocks_.reserve(blocks_.size() + 1);  // so that push_back cannot throw with the block unowned
         auto* block = static_cast<std::byte*>(::operator new(kBlockBytes, kBlockAlignment));
+        prefaulted_.restart();
         new (block) const EntryStore*(this);
         blocks_.push_back(block);
     }
-    FileSystemEntry* stored = new (&entriesOf(blocks_[size_ / kPerBlock])[size_ % kPerBlock])
+    const std::size_t inBlock = size_ % kPerBlock;
+    prefaulted_.cover(blocks_.back(), kBlockBytes, kHeaderBytes + (inBlock + 1) * sizeof(FileSystemEntry));
+    FileSystemEntry* stored = new (&entriesOf(blocks_.back())[inBlock])
         FileSystemEntry(std::move(entry));
     ++size_;
     return *stored;

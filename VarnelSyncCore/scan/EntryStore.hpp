@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/IndexedIterator.hpp"
+#include "platform/PrefaultedPages.hpp"
 #include "scan/FileSystemEntry.hpp"
 
 #include <atomic>
@@ -32,7 +33,7 @@ public:
     EntryStore& operator=(const EntryStore&) = delete;
 
     // Appends `entry`; returns it as stored, at an address that never changes.
-    const FileSystemEntry& add(FileSystemEntry entry);
+    const FileSystemEntry& add(FileSystemEntry&& entry);
 
     std::size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
@@ -76,6 +77,7 @@ private:
     void release() const;
 
     std::vector<std::byte*> blocks_;
+    PrefaultAhead prefaulted_;  // of the last block
     std::size_t size_ = 0;
     mutable std::atomic<std::size_t> references_{1};
 };

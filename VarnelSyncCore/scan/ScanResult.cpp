@@ -4,7 +4,7 @@
 
 namespace varnel {
 
-const FileSystemEntry& ScanResult::add(FileSystemEntry entry) {
+const FileSystemEntry& ScanResult::add(FileSystemEntry&& entry) {
     return entries_->add(std::move(entry));
 }
 

@@ -47,7 +47,7 @@ public:
     ScanResult& operator=(const ScanResult&) = delete;
 
     // Records an included item. Returns it as stored.
-    const FileSystemEntry& add(FileSystemEntry entry);
+    const FileSystemEntry& add(FileSystemEntry&& entry);
 
     // The item at `path` (compared canonically), or nullptr. Looks through every entry:
     // the planner keeps its own index.

@@ -198,7 +198,7 @@ private:
                                           path);
             return;
         }
-        FileSystemEntry entry = std::move(*child.entry);
+        FileSystemEntry& entry = *child.entry;
 
         if (auto match = exclusions_.match(path.value(), entry.isDirectory())) {
             result_.excluded.push_back({path, entry.isDirectory(), std::move(match->ruleDescription)});
@@ -241,7 +241,7 @@ private:
         }
     }
 
-    void record(FileSystemEntry entry) {
+    void record(FileSystemEntry&& entry) {
         const FileSystemEntry& stored = result_.add(std::move(entry));
         const RelativePath& path = stored.relativePath;
         switch (stored.kind) {
