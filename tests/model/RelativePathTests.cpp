@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdint>
 #include <optional>
 #include <set>
 #include <string>
@@ -166,6 +170,35 @@ TEST(RelativePathTest, AnArenaChunkGoesBackWithItsLastPath) {
     late.clear();
     EXPECT_EQ(arena.get()->chunksHeld(), 2U) << "the kept path's chunk and the one being filled";
 }
+
+#ifdef MADV_POPULATE_WRITE
+// A chunk's pages are mapped a step ahead of its paths, not all at once: an arena that
+// makes a few paths (a helper that listed one folder) holds little memory.
+TEST(RelativePathTest, AnArenaMapsItsChunkAStepAheadOfItsPaths) {
+    const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    const auto resident = [&](const void* chunk, std::size_t bytes) {
+        std::vector<unsigned char> pages(bytes / page);
+        EXPECT_EQ(::mincore(const_cast<void*>(chunk), bytes, pages.data()), 0);
+        std::size_t count = 0;
+        for (const unsigned char state : pages) count += state & 1U;
+        return count;
+    };
+    void* probe = ::mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(probe, MAP_FAILED);
+    const bool canMapAhead = ::madvise(probe, page, MADV_POPULATE_WRITE) == 0;
+    ::munmap(probe, page);
+    if (!canMapAhead) GTEST_SKIP() << "this kernel cannot map pages ahead (MADV_POPULATE_WRITE)";
+
+    PathArena::Handle arena;
+    const RelativePath path = *RelativePath().appending("photo.jpg", arena.get());
+    const std::size_t step = PrefaultAhead::kStep;
+    const std::uintptr_t chunkSize = std::uintptr_t{1} << 20;  // chunks are aligned to their size
+    const void* chunk =
+        reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(path.value().data()) & ~(chunkSize - 1));
+    EXPECT_EQ(resident(chunk, step), step / page);
+    EXPECT_EQ(resident(static_cast<const char*>(chunk) + step, step), 0U);
+}
+#endif
 
 }  // namespace
 }  // namespace varnel
