@@ -58,6 +58,9 @@ TEST(RelativePathTest, ComponentsAppendingParentAndLastComponent) {
     EXPECT_EQ(child->appending("b")->value(), "a/b");
     EXPECT_FALSE(child->appending("b/c"));
     EXPECT_FALSE(child->appending(".."));
+    EXPECT_FALSE(child->appending("."));
+    EXPECT_FALSE(child->appending(""));
+    EXPECT_FALSE(child->appending(std::string_view("b\0c", 3)));
 
     EXPECT_EQ(built->lastComponent(), "img.jpg");
     EXPECT_EQ(built->parent().value(), "Photos/2024");
@@ -87,6 +90,11 @@ TEST(RelativePathTest, CanonicalEquivalenceWithoutChangingTheStoredValue) {
     ASSERT_TRUE(appended);
     EXPECT_EQ(*appended, *a);
     EXPECT_EQ(appended->value(), decomposed);
+    // A plain ASCII name below a decomposed folder still takes the folder's canonical form.
+    const auto below = RelativePath::fromString("Cafe\xCC\x81")->appending("notes.txt");
+    ASSERT_TRUE(below);
+    EXPECT_EQ(*below, *RelativePath::fromString("Caf\xC3\xA9/notes.txt"));
+    EXPECT_EQ(below->value(), "Cafe\xCC\x81/notes.txt");
 
     std::unordered_set<RelativePath> set{*a};
     EXPECT_TRUE(set.contains(*b));
