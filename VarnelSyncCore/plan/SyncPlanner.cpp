@@ -5,11 +5,13 @@
 #include "common/FlatKeyMap.hpp"
 #include "common/Localization.hpp"
 #include "common/Unicode.hpp"
+#include "plan/TwoThreadTrial.hpp"
 #include "transfer/SyncError.hpp"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <deque>
 #include <exception>
 #include <limits>
@@ -214,8 +216,9 @@ public:
 
     // Source items go in chunks: each chunk is looked up in the destination's index
     // first (hashing, and most of the pass's waits on memory), then planned in order.
-    // Where the keys are the paths' own texts, the next chunk's look-ups run on a second
-    // thread while this one plans. The look-ups read only what stays put meanwhile: the
+    // Where the keys are the paths' own texts, the next chunk's look-ups can run on a
+    // second thread while this one plans, and do while that is the faster way (see
+    // TwoThreadTrial); otherwise they follow the planning. The look-ups read only what stays put meanwhile: the
     // destination's index (source keys without a destination item go to an index of
     // their own) and the scanned entries (the destination's path texts are handed over
     // between chunks).
@@ -242,11 +245,20 @@ public:
         // Lower-cased keys are made on demand into a list the planning also reads.
         const bool beside = keys_.caseSensitive() && chunks > 1 && std::thread::hardware_concurrency() > 1;
         if (beside) lookUp(0);
+        TwoThreadTrial trial;
         for (std::size_t chunk = 0; chunk < chunks; ++chunk) {
             if (!beside) lookUp(chunk);
             const auto plan = [&] { planChunk(chunk * kChunk, lookUps[chunk % 2], stop); };
             if (beside && chunk + 1 < chunks) {
-                runBeside(plan, [&] { lookUp(chunk + 1); });
+                // Either way this plans one chunk and looks up the next.
+                const auto started = std::chrono::steady_clock::now();
+                if (trial.twoThreadsNext()) {
+                    runBeside(plan, [&] { lookUp(chunk + 1); });
+                } else {
+                    plan();
+                    lookUp(chunk + 1);
+                }
+                trial.finished(std::chrono::steady_clock::now() - started);
             } else {
                 plan();
             }
