@@ -218,10 +218,10 @@ public:
     // first (hashing, and most of the pass's waits on memory), then planned in order.
     // Where the keys are the paths' own texts, the next chunk's look-ups can run on a
     // second thread while this one plans, and do while that is the faster way (see
-    // TwoThreadTrial); otherwise they follow the planning. The look-ups read only what stays put meanwhile: the
-    // destination's index (source keys without a destination item go to an index of
-    // their own) and the scanned entries (the destination's path texts are handed over
-    // between chunks).
+    // TwoThreadTrial); otherwise they follow the planning. The look-ups read only what
+    // stays put meanwhile: the destination's index (source keys without a destination
+    // item go to an index of their own) and the scanned entries (the destination's path
+    // texts are handed over between chunks).
     void planSource(const std::stop_token& stop) {
         const std::size_t count = input_.source.size();
         const std::size_t chunks = (count + kChunk - 1) / kChunk;
