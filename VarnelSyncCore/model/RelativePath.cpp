@@ -12,20 +12,6 @@
 
 namespace varnel {
 
-namespace {
-
-// Whether `name` is a valid component in plain ASCII, and so its own canonical form: one
-// pass for what nearly every scanned name is, where the general checks take several.
-bool isPlainASCIIComponent(std::string_view name) {
-    if (name.empty() || name == "." || name == "..") return false;
-    for (const unsigned char c : name) {
-        if (c == 0 || c == '/' || c >= 0x80) return false;
-    }
-    return true;
-}
-
-}  // namespace
-
 RelativePath::Text* RelativePath::Text::make(std::string_view parent, std::string_view name,
                                              std::string_view canonical, PathArena* arena) {
     const std::size_t size = parent.empty() ? name.size() : parent.size() + 1 + name.size();
@@ -145,7 +131,6 @@ std::optional<RelativePath> RelativePath::fromComponents(const std::vector<std::
 }
 
 std::optional<RelativePath> RelativePath::appending(std::string_view name, PathArena* arena) const {
-    if (valueIsCanonical() && isPlainASCIIComponent(name)) return RelativePath(value(), name, {}, arena);
     if (!isValidComponent(name)) return std::nullopt;
     // "/" never combines with a neighbour, so the canonical form can be built per part.
     std::string canonical;
