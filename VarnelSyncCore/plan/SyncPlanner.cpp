@@ -761,22 +761,36 @@ void sortInPlace(std::vector<SyncAction>& actions, bool deepestFirst) {
     std::vector<std::uint32_t> order = ExecutionOrder(actions).shallowFirst();
     if (deepestFirst) std::reverse(order.begin(), order.end());
 
-    // Following a cycle reads actions in scattered places; each step requests the one two
-    // steps on, so that the wait for memory overlaps the moves.
-    std::vector<bool> placed(actions.size());
+    // Following a cycle reads actions in scattered places; each step requests the one
+    // kMovesAhead steps on, so that the waits for memory overlap one another and the
+    // moves. A placed action's entry in `order` becomes its own position.
+    constexpr std::size_t kMovesAhead = 16;
+    const auto request = [&](std::size_t index) {
+        const auto* bytes = reinterpret_cast<const char*>(&actions[index]);
+        __builtin_prefetch(bytes);
+        __builtin_prefetch(bytes + sizeof(SyncAction) - 1);  // an action may straddle two cache lines
+    };
     for (std::size_t start = 0; start < actions.size(); ++start) {
-        if (placed[start]) continue;
-        if (order[start] == start) continue;  // already in place
+        if (order[start] == start) continue;  // in place, or placed
+        std::size_t ahead = start;  // the last position requested
+        for (std::size_t step = 0; step < kMovesAhead && order[ahead] != start; ++step) {
+            ahead = order[ahead];
+            request(ahead);
+        }
         SyncAction held = std::move(actions[start]);
         std::size_t at = start;
-        for (; order[at] != start; at = order[at]) {
+        while (order[at] != start) {
+            if (order[ahead] != start) {
+                ahead = order[ahead];
+                request(ahead);
+            }
             const std::size_t from = order[at];
-            __builtin_prefetch(&actions[order[order[from]]]);
             actions[at] = std::move(actions[from]);
-            placed[at] = true;
+            order[at] = static_cast<std::uint32_t>(at);
+            at = from;
         }
         actions[at] = std::move(held);
-        placed[at] = true;
+        order[at] = static_cast<std::uint32_t>(at);
     }
 }
 
