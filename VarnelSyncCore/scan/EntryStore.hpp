@@ -57,6 +57,7 @@ private:
     friend class SharedEntry;
 
     static constexpr std::size_t kBlockBytes = std::size_t{1} << 20;
+    static constexpr std::size_t kCacheLineBytes = 64;
     static constexpr std::align_val_t kBlockAlignment{kBlockBytes};
     // Each block starts with the store it belongs to; its entries follow.
     static constexpr std::size_t kHeaderBytes = alignof(FileSystemEntry) > sizeof(EntryStore*)
@@ -79,7 +80,10 @@ private:
     std::vector<std::byte*> blocks_;
     PrefaultAhead prefaulted_;  // of the last block
     std::size_t size_ = 0;
-    mutable std::atomic<std::size_t> references_{1};
+    // On a cache line of its own: the planning shares entries (a write here for each
+    // action) while a second thread looks entries up through blocks_, and a line they
+    // both used would go back and forth between the processors at every item.
+    alignas(kCacheLineBytes) mutable std::atomic<std::size_t> references_{1};
 };
 
 }  // namespace varnel
