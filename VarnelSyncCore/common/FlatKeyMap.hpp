@@ -80,6 +80,8 @@ public:
         std::array<std::vector<std::size_t>, 2> waiting;
         std::array<std::size_t, 2> added{};
         const auto fill = [&](std::size_t part) {
+            // Counted here and stored once: the two counters share a cache line.
+            std::size_t placed = 0;
             const std::size_t begin = part == 0 ? 0 : split;
             const std::size_t end = part == 0 ? split : buckets_.size();
             constexpr std::size_t kAhead = 16;  // keys whose bucket is requested before it is read
@@ -98,12 +100,13 @@ public:
                     Bucket& bucket = buckets_[at];
                     if (bucket.isEmpty()) {
                         bucket = Bucket{hashes[i], static_cast<Value>(i)};
-                        ++added[part];
+                        ++placed;
                         break;
                     }
                     if (bucket.hash == hashes[i] && keyOf_(bucket.value) == keyOf_(static_cast<Value>(i))) break;
                 }
             }
+            added[part] = placed;
         };
         runTwo([&] { fill(0); }, [&] { fill(1); });
         size_ = added[0] + added[1];

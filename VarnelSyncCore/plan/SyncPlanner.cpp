@@ -228,7 +228,9 @@ public:
         KeysAhead keys(Side::source, keys_, destinations_);
         std::array<std::vector<SourceLookUp>, 2> lookUps;
         const auto lookUp = [&](std::size_t chunk) {
-            std::vector<SourceLookUp>& into = lookUps[chunk % 2];
+            // Filled as a vector of its own and handed back whole: the two vectors' own
+            // words share a cache line, which the planning reads at every item.
+            std::vector<SourceLookUp> into = std::move(lookUps[chunk % 2]);
             into.clear();
             for (std::size_t index = chunk * kChunk; index < std::min(count, (chunk + 1) * kChunk); ++index) {
                 const ItemIndex::HashedKey& key = keys[index];
@@ -241,6 +243,7 @@ public:
                 const RelativePath& twin = keys_.entry(Side::destination, *destination).relativePath;
                 into.push_back(SourceLookUp{key, *destination, isSameText(path, twin)});
             }
+            lookUps[chunk % 2] = std::move(into);
         };
         // Lower-cased keys are made on demand into a list the planning also reads.
         const bool beside = keys_.caseSensitive() && chunks > 1 && std::thread::hardware_concurrency() > 1;
@@ -339,6 +342,7 @@ public:
 
 private:
     static constexpr std::size_t kChunk = 8192;
+    static constexpr std::size_t kCacheLineBytes = 64;
     static constexpr std::size_t kSourceOnlyAhead = 16;  // look-ups whose bucket is requested ahead
     static constexpr std::size_t kEntriesAhead = 16;     // items whose entries are requested ahead
     static constexpr std::size_t kTextsAhead = 8;        // items whose path texts are requested ahead
@@ -600,10 +604,12 @@ private:
     MatchKeys keys_;
 
     // The destination's keys, each under its first item; read-only while the source pass
-    // runs, so its look-ups can run on another thread.
-    ItemIndex destinations_;
+    // runs, so its look-ups can run on another thread. Both indices start a cache line,
+    // so that the planning's writes to the second never move the first's line away from
+    // the look-up thread.
+    alignas(kCacheLineBytes) ItemIndex destinations_;
     // The keys of source items with no destination item, each under its first source item.
-    ItemIndex sourceOnly_;
+    alignas(kCacheLineBytes) ItemIndex sourceOnly_;
     // By destination index: the first source item planned under its key.
     std::vector<std::uint32_t> firstSources_;
     // Destination items matched in the chunk being planned, and their source twins.
