@@ -17,8 +17,10 @@ namespace varnel {
 // so a text that is replaced by an equal one kept elsewhere (as the planner does for the
 // destination's paths) frees its room. The arena itself lives until its Handle and its
 // last chunk are gone. Paths may be copied and released on any thread; only the handle's
-// owner may make new ones.
-class PathArena {
+// owner may make new ones. A scan's readers each fill an arena of their own at once, so
+// an arena takes a cache line of its own: two in one line would pass it back and forth
+// between the processors at every path.
+class alignas(64) PathArena {
 public:
     // The owner's reference: makes the arena and releases it when it goes.
     class Handle {
