@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/CacheLine.hpp"
 #include "platform/PrefaultedPages.hpp"
 
 #include <atomic>
@@ -20,7 +21,7 @@ namespace varnel {
 // owner may make new ones. A scan's readers each fill an arena of their own at once, so
 // an arena takes a cache line of its own: two in one line would pass it back and forth
 // between the processors at every path.
-class alignas(64) PathArena {
+class alignas(kCacheLineBytes) PathArena {
 public:
     // The owner's reference: makes the arena and releases it when it goes.
     class Handle {

@@ -1,6 +1,7 @@
 #include "plan/SyncPlanner.hpp"
 
 #include "common/ByteCount.hpp"
+#include "common/CacheLine.hpp"
 #include "common/CheckedArithmetic.hpp"
 #include "common/FlatKeyMap.hpp"
 #include "common/Localization.hpp"
@@ -342,7 +343,6 @@ public:
 
 private:
     static constexpr std::size_t kChunk = 8192;
-    static constexpr std::size_t kCacheLineBytes = 64;
     static constexpr std::size_t kSourceOnlyAhead = 16;  // look-ups whose bucket is requested ahead
     static constexpr std::size_t kEntriesAhead = 16;     // items whose entries are requested ahead
     static constexpr std::size_t kTextsAhead = 8;        // items whose path texts are requested ahead

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/CacheLine.hpp"
 #include "common/IndexedIterator.hpp"
 #include "platform/PrefaultedPages.hpp"
 #include "scan/FileSystemEntry.hpp"
@@ -57,7 +58,6 @@ private:
     friend class SharedEntry;
 
     static constexpr std::size_t kBlockBytes = std::size_t{1} << 20;
-    static constexpr std::size_t kCacheLineBytes = 64;
     static constexpr std::align_val_t kBlockAlignment{kBlockBytes};
     // Each block starts with the store it belongs to; its entries follow.
     static constexpr std::size_t kHeaderBytes = alignof(FileSystemEntry) > sizeof(EntryStore*)
