@@ -779,17 +779,14 @@ void sortInPlace(std::vector<SyncAction>& actions, bool deepestFirst) {
     for (std::size_t start = 0; start < actions.size(); ++start) {
         if (order[start] == start) continue;  // in place, or placed
         std::size_t ahead = start;  // the last position requested
-        for (std::size_t step = 0; step < kMovesAhead && order[ahead] != start; ++step) {
-            ahead = order[ahead];
-            request(ahead);
-        }
+        const auto requestNext = [&] {
+            if (order[ahead] != start) request(ahead = order[ahead]);
+        };
+        for (std::size_t step = 0; step < kMovesAhead; ++step) requestNext();
         SyncAction held = std::move(actions[start]);
         std::size_t at = start;
         while (order[at] != start) {
-            if (order[ahead] != start) {
-                ahead = order[ahead];
-                request(ahead);
-            }
+            requestNext();
             const std::size_t from = order[at];
             actions[at] = std::move(actions[from]);
             order[at] = static_cast<std::uint32_t>(at);
