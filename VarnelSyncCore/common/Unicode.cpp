@@ -6,7 +6,11 @@
 #include <unicode/unistr.h>
 #include <unicode/utf8.h>
 
+#include <bit>
+#include <cstdint>
+#include <cstring>
 #include <memory>
+#include <optional>
 
 namespace varnel::unicode {
 
@@ -22,11 +26,35 @@ const icu::Normalizer2& nfc() {
     return *normalizer;
 }
 
-bool isASCII(std::string_view text) {
-    for (unsigned char c : text) {
-        if (c >= 0x80) return false;
+// Where the ASCII start of `bytes` ends, eight bytes at a time: a scan checks every
+// item's name twice, and nearly every name is ASCII throughout. The last bytes are read
+// as the word that ends the text, overlapping bytes already found ASCII, so a name
+// costs no byte-by-byte loop whose end the processor would mispredict.
+std::size_t asciiPrefixLength(std::string_view bytes) {
+    constexpr std::size_t kWord = sizeof(std::uint64_t);
+    const std::size_t size = bytes.size();
+    if (std::endian::native != std::endian::little || size < kWord) {
+        std::size_t i = 0;
+        while (i < size && static_cast<unsigned char>(bytes[i]) < 0x80) ++i;
+        return i;
     }
-    return true;
+    // The first byte at or after `at` with its high bit set, if the word there has one:
+    // in a little-endian word the lowest set bit belongs to the first byte.
+    const auto firstHighByte = [&](std::size_t at) -> std::optional<std::size_t> {
+        std::uint64_t word = 0;
+        std::memcpy(&word, bytes.data() + at, kWord);
+        const std::uint64_t high = word & 0x8080808080808080;
+        if (high == 0) return std::nullopt;
+        return at + static_cast<std::size_t>(std::countr_zero(high)) / 8;
+    };
+    std::size_t at = 0;
+    for (; at + kWord <= size; at += kWord) {
+        if (const auto found = firstHighByte(at)) return *found;
+    }
+    if (at < size) {
+        if (const auto found = firstHighByte(size - kWord)) return *found;
+    }
+    return size;
 }
 
 std::string toUTF8(const icu::UnicodeString& text) {
@@ -96,12 +124,13 @@ std::vector<std::string> graphemeClusters(std::string_view utf8) {
     return clusters;
 }
 
+bool isASCII(std::string_view bytes) { return asciiPrefixLength(bytes) == bytes.size(); }
+
 bool isValidUTF8(std::string_view bytes) {
-    int32_t i = 0;
+    // Most names are ASCII, byte by byte valid: decoding starts at the first byte that is not.
+    auto i = static_cast<int32_t>(asciiPrefixLength(bytes));
     const auto length = static_cast<int32_t>(bytes.size());
     const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
-    // Most names are ASCII, byte by byte valid: decoding starts at the first byte that is not.
-    while (i < length && data[i] < 0x80) ++i;
     while (i < length) {
         UChar32 c = 0;
         U8_NEXT(data, i, length, c);

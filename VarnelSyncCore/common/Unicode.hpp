@@ -17,6 +17,8 @@ std::string toLower(std::string_view utf8);
 std::vector<std::string> graphemeClusters(std::string_view utf8);
 // Whether the bytes are well-formed UTF-8.
 bool isValidUTF8(std::string_view bytes);
+// Whether every byte is ASCII (below 0x80).
+bool isASCII(std::string_view bytes);
 // Decodes UTF-8, replacing every invalid sequence with U+FFFD.
 std::string repairUTF8(std::string_view bytes);
 // Whitespace and newlines trimmed from both ends (Unicode White_Space).

@@ -12,13 +12,6 @@ namespace varnel {
 
 namespace {
 
-bool isASCII(std::string_view text) {
-    for (unsigned char c : text) {
-        if (c >= 0x80) return false;
-    }
-    return true;
-}
-
 bool hasUpperASCII(std::string_view text) {
     for (char c : text) {
         if (c >= 'A' && c <= 'Z') return true;
@@ -29,7 +22,7 @@ bool hasUpperASCII(std::string_view text) {
 // Lower-cases (unless case-sensitive) and converts to Form C, in that order. Returns a
 // view of `path` itself when nothing changes, so the common ASCII path is not copied.
 std::string_view prepare(std::string_view path, bool caseSensitive, std::string& storage) {
-    if (isASCII(path)) {
+    if (unicode::isASCII(path)) {
         if (caseSensitive || !hasUpperASCII(path)) return path;
         storage = unicode::toLower(path);
         return storage;
@@ -71,7 +64,7 @@ void clusterBoundaries(std::string_view utf8, std::vector<std::uint32_t>& bounda
 // Whether every character of prepared text is one byte: ASCII without CR LF (which
 // forms one cluster).
 bool isOneBytePerCharacter(std::string_view text) {
-    return isASCII(text) && text.find("\r\n") == std::string_view::npos;
+    return unicode::isASCII(text) && text.find("\r\n") == std::string_view::npos;
 }
 
 // A prepared text split into characters: either one byte each, or by boundaries.

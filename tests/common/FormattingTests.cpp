@@ -104,5 +104,28 @@ TEST(UnicodeTest, NormalisesFoldsCaseAndTrims) {
     EXPECT_EQ(unicode::repairUTF8("a\xC3"), "a\xEF\xBF\xBD");
 }
 
+// ASCII is checked a word at a time: a byte above 0x7F must count wherever it falls,
+// inside a word, on its edge, or in the tail after the last whole word.
+TEST(UnicodeTest, FindsANonASCIIByteAtEveryPosition) {
+    for (std::size_t length = 0; length <= 24; ++length) {
+        const std::string ascii(length, 'a');
+        EXPECT_TRUE(unicode::isASCII(ascii)) << length;
+        for (std::size_t at = 0; at < length; ++at) {
+            std::string invalid = ascii;
+            invalid[at] = '\xFF';
+            EXPECT_FALSE(unicode::isASCII(invalid)) << length << " " << at;
+            EXPECT_FALSE(unicode::isValidUTF8(invalid)) << length << " " << at;
+            EXPECT_FALSE(unicode::isNFC(invalid)) << length << " " << at;
+
+            const std::string accented = ascii.substr(0, at) + "\xC3\xA9" + ascii.substr(at);  // é
+            EXPECT_FALSE(unicode::isASCII(accented)) << length << " " << at;
+            EXPECT_TRUE(unicode::isValidUTF8(accented)) << length << " " << at;
+            EXPECT_TRUE(unicode::isNFC(accented)) << length << " " << at;
+            // e + combining acute: valid, but not composed.
+            EXPECT_FALSE(unicode::isNFC(ascii.substr(0, at) + "e\xCC\x81" + ascii.substr(at))) << length << " " << at;
+        }
+    }
+}
+
 }  // namespace
 }  // namespace varnel
