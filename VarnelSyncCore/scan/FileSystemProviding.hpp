@@ -31,8 +31,9 @@ public:
     // (unsorted). Throws POSIXFileError "readdir".
     virtual DirectoryNames names() = 0;
     // The entry of the child `name`, whose path is `childPath`, never following a final
-    // link. Throws POSIXFileError "statx".
-    virtual FileSystemEntry entry(std::string_view name, const RelativePath& childPath) = 0;
+    // link. The entry takes the path: a scan makes one for each item and keeps no other
+    // copy. Throws POSIXFileError "statx".
+    virtual FileSystemEntry entry(std::string_view name, RelativePath childPath) = 0;
 };
 
 // The engine's only door to the disk. Every operation on an item inside an endpoint

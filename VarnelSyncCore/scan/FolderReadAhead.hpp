@@ -26,9 +26,16 @@ struct FolderListing {
     // A listing holds one per item of its folder until the walk has taken them, so a
     // rare failure is kept aside rather than making every child larger.
     struct Child {
-        std::optional<RelativePath> path;  // none for a name that cannot be a path component
-        std::optional<FileSystemEntry> entry;
+        std::optional<FileSystemEntry> entry;  // holds the item's path
+        // The item's path where it has no entry; none for a name that cannot be a path
+        // component.
+        std::optional<RelativePath> pathWithoutEntry;
         std::unique_ptr<POSIXFileError> failure;  // set when there is a path but no entry
+
+        const RelativePath* path() const {
+            if (entry) return &entry->relativePath;
+            return pathWithoutEntry ? &*pathWithoutEntry : nullptr;
+        }
     };
     std::optional<POSIXFileError> failure;  // opening or listing the folder failed
     DirectoryNames names;

@@ -215,7 +215,7 @@ public:
         return std::move(names.value());
     }
 
-    FileSystemEntry entry(std::string_view name, const RelativePath& childPath) override {
+    FileSystemEntry entry(std::string_view name, RelativePath childPath) override {
         // A name with "/" or ".." would walk away from this folder.
         if (!RelativePath::isValidComponent(name)) fail(EINVAL, "statx", root_, childPath);
         // Listed names fit NAME_MAX, so the terminated copy stays on the stack.
@@ -223,8 +223,9 @@ public:
         std::array<char, NAME_MAX + 1> terminated;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled next
         std::memcpy(terminated.data(), name.data(), name.size());
         terminated[name.size()] = '\0';
-        auto entry = statEntry(fd_.get(), terminated.data(), childPath);
+        auto entry = statEntry(fd_.get(), terminated.data(), RelativePath());
         if (!entry.ok()) fail(entry.error(), "statx", root_, childPath);
+        entry.value().relativePath = std::move(childPath);
         return std::move(entry.value());
     }
 

@@ -130,11 +130,16 @@ private:
             const std::string_view name = listing.names[i];
             FolderListing::Child& child = listing.children[i];
             // Names that are not UTF-8 cannot be shown, compared or recreated faithfully.
-            if (unicode::isValidUTF8(name)) child.path = folder.appending(name, paths_[reader].get());
-            if (!child.path || isArchiveFolder(folder, name)) continue;
+            if (!unicode::isValidUTF8(name)) continue;
+            std::optional<RelativePath> path = folder.appending(name, paths_[reader].get());
+            if (!path || isArchiveFolder(folder, name)) {
+                child.pathWithoutEntry = std::move(path);
+                continue;
+            }
             try {
-                child.entry = directory->entry(name, *child.path);
+                child.entry = directory->entry(name, std::move(*path));
             } catch (const POSIXFileError& error) {
+                child.pathWithoutEntry = folder.appending(name, paths_[reader].get());  // the entry took the first
                 child.failure = std::make_unique<POSIXFileError>(error);
             }
         }
@@ -181,13 +186,13 @@ private:
 
     void scanItem(const RelativePath& folder, std::string_view name, FolderListing::Child& child,
                   std::unordered_map<std::string, RelativePath>& seenNames) {
-        if (!child.path) {
+        if (!child.path()) {
             result_.warnings.emplace_back(
                 Category::scanError,
                 trFormat("Skipped an item with an unusable name in “{}”.", folder.description()), folder);
             return;
         }
-        const RelativePath& path = *child.path;
+        const RelativePath& path = *child.path();
         if (isArchiveFolder(folder, name)) return;  // the archive is the engine's own and never takes part
 
         if (child.failure) {
@@ -234,14 +239,14 @@ private:
             return;
         }
 
-        record(std::move(entry));
+        const FileSystemEntry& stored = record(std::move(entry));  // `path` went with the entry
         ++itemsFound_;
         if (itemsFound_ % progressInterval_ == 0 && onProgress_) {
-            onProgress_(ScanProgress{role_, itemsFound_, result_.directoriesScanned, path});
+            onProgress_(ScanProgress{role_, itemsFound_, result_.directoriesScanned, stored.relativePath});
         }
     }
 
-    void record(FileSystemEntry&& entry) {
+    const FileSystemEntry& record(FileSystemEntry&& entry) {
         const FileSystemEntry& stored = result_.add(std::move(entry));
         const RelativePath& path = stored.relativePath;
         switch (stored.kind) {
@@ -283,6 +288,7 @@ private:
                     trFormat("“{}” is a special file and cannot be copied.", path.description()), path);
                 break;
         }
+        return stored;
     }
 
     static bool isSparse(const FileSystemEntry& entry) {

@@ -57,14 +57,14 @@ public:
         return names;
     }
 
-    FileSystemEntry entry(std::string_view name, const RelativePath& childPath) override {
+    FileSystemEntry entry(std::string_view name, RelativePath childPath) override {
         std::lock_guard lock(fileSystem_.mutex_);
         const std::string shown = displayPath(root_, childPath);
         fileSystem_.checkFault("statx", shown);
         if (!RelativePath::isValidComponent(name)) throw POSIXFileError(EINVAL, "statx", shown);
         const auto child = fileSystem_.findChild(*folder_, std::string(name));
         if (!child) throw POSIXFileError(ENOENT, "statx", shown);
-        return fileSystem_.entryOf(*child, childPath, shown);
+        return fileSystem_.entryOf(*child, std::move(childPath), shown);
     }
 
 private:
