@@ -119,9 +119,9 @@ std::uint16_t linkCount(Count links) {
     return static_cast<std::uint16_t>(std::min<std::uint64_t>(links, FileSystemEntry::kMaxHardLinkCount));
 }
 
-FreshEntry entryFromStatx(const struct statx& item, RelativePath path) {
+// The entry of an item from its statx, without its path, which the caller knows.
+FreshEntry entryFromStatx(const struct statx& item) {
     FreshEntry entry;
-    entry.relativePath = std::move(path);
     entry.kind = entryKindFromMode(item.stx_mode, entry.unsupportedReason);
     entry.size = entry.kind == EntryKind::regularFile ? static_cast<std::int64_t>(item.stx_size) : 0;
     entry.allocatedBlocks = blockCount(item.stx_blocks);
@@ -162,14 +162,14 @@ FreshEntry entryFromStat(const struct stat& item, RelativePath path) {
 }
 
 // One statx of `name` in `dirFd`, never following it; for a link one readlinkat whose
-// failure leaves the target absent.
-ErrnoOr<FreshEntry> statEntry(int dirFd, const char* name, RelativePath path) {
+// failure leaves the target absent. The entry's path is left to the caller.
+ErrnoOr<FreshEntry> statEntry(int dirFd, const char* name) {
     // Not zeroed first: the system writes the whole structure, and this runs once per item.
     struct statx item;  // NOLINT(cppcoreguidelines-pro-type-member-init)
     if (::statx(dirFd, name, AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &item) != 0) {
         return ErrnoOr<FreshEntry>::failure(errno);
     }
-    FreshEntry entry = entryFromStatx(item, std::move(path));
+    FreshEntry entry = entryFromStatx(item);
     if (entry.kind == EntryKind::symbolicLink) {
         auto target = readLinkAt(dirFd, name, static_cast<std::size_t>(item.stx_size));
         if (target.ok()) entry.symlinkTarget = std::move(target.value());
@@ -223,7 +223,7 @@ public:
         std::array<char, NAME_MAX + 1> terminated;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled next
         std::memcpy(terminated.data(), name.data(), name.size());
         terminated[name.size()] = '\0';
-        auto entry = statEntry(fd_.get(), terminated.data(), RelativePath());
+        auto entry = statEntry(fd_.get(), terminated.data());
         if (!entry.ok()) fail(entry.error(), "statx", root_, childPath);
         entry.value().relativePath = std::move(childPath);
         return std::move(entry.value());
@@ -330,8 +330,9 @@ EndpointRoot RealFileSystem::openRoot(const std::string& absolutePath) {
 
 FreshEntry RealFileSystem::entry(const EndpointRoot& root, const RelativePath& path) {
     const auto location = locateOrThrow(root, path, "statx");
-    auto entry = statEntry(location.parentFd, location.name.c_str(), path);
+    auto entry = statEntry(location.parentFd, location.name.c_str());
     if (!entry.ok()) fail(entry.error(), "statx", root, path);
+    entry.value().relativePath = path;
     return std::move(entry.value());
 }
 
@@ -568,7 +569,7 @@ bool RealFileSystem::existsAtPath(const std::string& absolutePath) {
 }
 
 FileSystemEntry RealFileSystem::entryAtPath(const std::string& absolutePath) {
-    auto entry = statEntry(AT_FDCWD, absolutePath.c_str(), RelativePath());
+    auto entry = statEntry(AT_FDCWD, absolutePath.c_str());
     if (!entry.ok()) throw POSIXFileError(entry.error(), "statx", absolutePath);
     return std::move(entry.value());
 }

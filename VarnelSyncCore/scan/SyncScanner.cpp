@@ -126,12 +126,13 @@ private:
             return listing;
         }
         listing.children.resize(listing.names.size());
+        PathArena* const arena = paths_[reader].get();
         for (std::size_t i = 0; i < listing.names.size(); ++i) {
             const std::string_view name = listing.names[i];
             FolderListing::Child& child = listing.children[i];
             // Names that are not UTF-8 cannot be shown, compared or recreated faithfully.
             if (!unicode::isValidUTF8(name)) continue;
-            std::optional<RelativePath> path = folder.appending(name, paths_[reader].get());
+            std::optional<RelativePath> path = folder.appending(name, arena);
             if (!path || isArchiveFolder(folder, name)) {
                 child.pathWithoutEntry = std::move(path);
                 continue;
@@ -139,7 +140,7 @@ private:
             try {
                 child.entry = directory->entry(name, std::move(*path));
             } catch (const POSIXFileError& error) {
-                child.pathWithoutEntry = folder.appending(name, paths_[reader].get());  // the entry took the first
+                child.pathWithoutEntry = folder.appending(name, arena);  // the entry took the first
                 child.failure = std::make_unique<POSIXFileError>(error);
             }
         }
