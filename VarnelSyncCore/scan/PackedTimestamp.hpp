@@ -22,11 +22,22 @@ class TimestampWord {
 public:
     static constexpr std::uint64_t kAbsent = 0;
 
-    static std::uint64_t encode(const FileTimestamp& time);
+    // Every scanned entry makes, moves and drops words several times: the inline cases
+    // stay here, where the compiler sees them, and only boxed times take a call.
+    static std::uint64_t encode(const FileTimestamp& time) {
+        const bool validNanoseconds = time.nanoseconds >= 0 && time.nanoseconds < kNanosecondsPerSecond;
+        if (validNanoseconds && time.seconds >= -kInlineSecondsLimit && time.seconds <= kInlineSecondsLimit) {
+            const std::int64_t count = time.seconds * kNanosecondsPerSecond + time.nanoseconds;
+            return (static_cast<std::uint64_t>(count) << 1) | 1U;
+        }
+        return box(time);
+    }
     static FileTimestamp decode(std::uint64_t word);
     // A word holding the same time as `word`, which stays valid.
-    static std::uint64_t copy(std::uint64_t word);
-    static void release(std::uint64_t word);
+    static std::uint64_t copy(std::uint64_t word) { return isBoxed(word) ? box(unbox(word)) : word; }
+    static void release(std::uint64_t word) {
+        if (isBoxed(word)) freeBox(word);
+    }
     static bool isInline(std::uint64_t word) { return (word & 1U) != 0; }
     // Whether two words hold the same time.
     static bool equal(std::uint64_t a, std::uint64_t b) {
@@ -34,6 +45,16 @@ public:
         if (a == kAbsent || b == kAbsent) return a == b;
         return decode(a) == decode(b);
     }
+
+private:
+    static constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+    // Inline counts are 63-bit signed numbers of nanoseconds: |count| < 2^62.
+    static constexpr std::int64_t kInlineSecondsLimit = (std::int64_t{1} << 62) / kNanosecondsPerSecond - 1;
+
+    static bool isBoxed(std::uint64_t word) { return word != kAbsent && !isInline(word); }
+    static const FileTimestamp& unbox(std::uint64_t word) { return *reinterpret_cast<const FileTimestamp*>(word); }
+    static std::uint64_t box(const FileTimestamp& time);
+    static void freeBox(std::uint64_t word);
 };
 
 // Owns a word: a copy copies a boxed time, and each owner frees its own. A word moved
