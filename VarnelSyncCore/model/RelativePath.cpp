@@ -1,6 +1,7 @@
 #include "model/RelativePath.hpp"
 
 #include "common/DecodingError.hpp"
+#include "common/TextSearch.hpp"
 #include "common/Unicode.hpp"
 #include "model/PathArena.hpp"
 
@@ -147,14 +148,14 @@ std::optional<RelativePath> RelativePath::appending(std::string_view name, PathA
 
 RelativePath RelativePath::parent() const {
     const std::string_view value = this->value();
-    const std::size_t slash = value.rfind('/');
+    const std::size_t slash = lastIndexOf(value, '/');
     if (slash == std::string_view::npos) return RelativePath();
     return *fromString(value.substr(0, slash));
 }
 
 std::string_view RelativePath::lastComponent() const {
     const std::string_view value = this->value();
-    const std::size_t slash = value.rfind('/');
+    const std::size_t slash = lastIndexOf(value, '/');
     if (slash == std::string_view::npos) return value;
     return value.substr(slash + 1);
 }

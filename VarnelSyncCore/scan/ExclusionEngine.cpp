@@ -1,6 +1,7 @@
 #include "scan/ExclusionEngine.hpp"
 
 #include "common/Localization.hpp"
+#include "common/TextSearch.hpp"
 #include "common/Unicode.hpp"
 
 #include <utility>
@@ -20,7 +21,7 @@ std::string descriptionKey(Kind kind, std::string_view normalisedValue) {
 
 // The text after the last "/", or the whole path.
 std::string_view lastComponent(std::string_view path) {
-    const std::size_t slash = path.rfind('/');
+    const std::size_t slash = lastIndexOf(path, '/');
     return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
@@ -104,8 +105,9 @@ std::string ExclusionEngine::describe(Kind kind, std::string_view normalisedValu
 std::optional<ExclusionEngine::Match> ExclusionEngine::match(std::string_view path, bool isDirectory) const {
     if (path.empty()) return std::nullopt;
 
+    const std::string_view pathName = lastComponent(path);
     // Hidden items come first, so they carry this reason even when a rule matches too.
-    if (hiddenPolicy_ == HiddenFilePolicy::exclude && lastComponent(path).starts_with('.')) {
+    if (hiddenPolicy_ == HiddenFilePolicy::exclude && pathName.starts_with('.')) {
         return Match{tr("Hidden files are skipped by this profile")};
     }
 
@@ -113,8 +115,7 @@ std::optional<ExclusionEngine::Match> ExclusionEngine::match(std::string_view pa
     if (nameRulesOnly_) {
         // Most names cannot match any name rule, and their first byte says so. Composing
         // and folding keep an ASCII first character, so only that case is settled here.
-        const std::string_view name = lastComponent(path);
-        const auto first = name.empty() ? 0x80 : static_cast<unsigned char>(name.front());
+        const auto first = pathName.empty() ? 0x80 : static_cast<unsigned char>(pathName.front());
         if (first < 0x80 && !nameRuleFirstBytes_.test(first)) return std::nullopt;
     }
 
@@ -123,7 +124,7 @@ std::optional<ExclusionEngine::Match> ExclusionEngine::match(std::string_view pa
     // and has no case, so a component's forms equal the same part of the path's forms.)
     const bool wholePath = !exactPaths_.empty() || !exactPathsCaseSensitive_.empty() || !globs_.empty();
     std::string normalisedStorage;
-    std::string_view normalised = wholePath ? path : lastComponent(path);
+    std::string_view normalised = wholePath ? path : pathName;
     if (!unicode::isNFC(normalised)) {
         normalisedStorage = unicode::toNFC(normalised);
         normalised = normalisedStorage;
