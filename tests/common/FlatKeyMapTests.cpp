@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -94,6 +95,41 @@ TEST(FlatKeyMap, KeysOfOneHashAreToldApartByTheirText) {
         ASSERT_NE(found, nullptr);
         EXPECT_EQ(*found, i);
     }
+}
+
+// Paths differ from their neighbours in a byte or two anywhere along them, or in length
+// alone. A hash that let any byte position, or the length, go unmixed would give whole
+// families of them one value and probe through them one by one: every key here must
+// spread over the high bits that choose a key's home bucket as random values would.
+TEST(FlatKeyMap, PathsThatDifferInOneByteAnywhereGetTheirOwnHashes) {
+    std::vector<std::string> keys;
+    const std::string base = "documents/projects/archive-2024/IMG-0000000.jpeg";
+    for (std::size_t length = 1; length <= base.size(); ++length) {
+        const std::string stem = base.substr(0, length);
+        keys.push_back(stem);
+        for (std::size_t at = 0; at < length; ++at) {
+            for (const char c : std::string_view("0123456789abcdefghijklmnopqrstuvwxyz_")) {
+                if (c == stem[at]) continue;
+                std::string key = stem;
+                key[at] = c;
+                keys.push_back(key);
+            }
+        }
+    }
+    std::unordered_map<std::uint32_t, int> hashes;
+    std::unordered_map<std::uint32_t, int> homes;  // the top 16 bits, as a map of 65,536 buckets uses them
+    for (const std::string& key : keys) {
+        const std::uint32_t hash = Map::HashedKey(key).hash;
+        ++hashes[hash];
+        ++homes[hash >> 16];
+    }
+    // About 44,000 keys: random 32-bit values repeat once or so, and fill some 32,000 of
+    // 65,536 homes with at most a handful each.
+    EXPECT_GE(hashes.size(), keys.size() - 5);
+    EXPECT_GE(homes.size(), 30'000u);
+    int fullest = 0;
+    for (const auto& [home, count] : homes) fullest = std::max(fullest, count);
+    EXPECT_LE(fullest, 10);
 }
 
 // Filling from two threads must give what adding in order gives: every key found, the
