@@ -5,6 +5,7 @@
 #include "common/CheckedArithmetic.hpp"
 #include "common/FlatKeyMap.hpp"
 #include "common/Localization.hpp"
+#include "common/TextSearch.hpp"
 #include "common/Unicode.hpp"
 #include "plan/TwoThreadTrial.hpp"
 #include "transfer/SyncError.hpp"
@@ -169,7 +170,7 @@ void runBeside(Here here, Beside beside) {
 }
 
 std::string_view parentKey(std::string_view key) {
-    const std::size_t slash = key.rfind('/');
+    const std::size_t slash = lastIndexOf(key, '/');
     return slash == std::string_view::npos ? std::string_view() : key.substr(0, slash);
 }
 
@@ -712,7 +713,7 @@ private:
         for (std::size_t i = begin; i < end; ++i) {
             if (i + kAhead < end) actions_[i + kAhead].relativePath.prefetch();
             const std::string_view path = pathOf(i);
-            const std::size_t slash = path.rfind('/');
+            const std::size_t slash = lastIndexOf(path, '/');
             nameStarts_[i] = static_cast<std::uint32_t>(slash == std::string_view::npos ? 0 : slash + 1);
             // The root (depth 0) shares the empty folder part with the top level: never one run.
             if (runs.empty() || folderOf(i - 1) != folderOf(i) || path.empty() || pathOf(i - 1).empty()) {
