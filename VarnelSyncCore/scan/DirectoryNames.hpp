@@ -26,6 +26,12 @@ public:
         ends_.push_back(text_.size());
     }
 
+    // Room for `moreBytes` more bytes of names and `moreNames` more names.
+    void reserve(std::size_t moreBytes, std::size_t moreNames) {
+        text_.reserve(text_.size() + moreBytes);
+        ends_.reserve(ends_.size() + moreNames);
+    }
+
     std::size_t size() const { return ends_.size(); }
     bool empty() const { return ends_.empty(); }
     std::string_view operator[](std::size_t index) const {

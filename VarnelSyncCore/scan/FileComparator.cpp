@@ -60,6 +60,8 @@ FileComparator::Verdict FileComparator::compare(const FileSystemEntry& source,
     if (source.size != destination.size) {
         return Changed{SyncActionReason::SizeDiffers{source.size, destination.size}};
     }
+    // Equal times, the common case, need no arithmetic.
+    if (source.modificationTime == destination.modificationTime) return Unchanged{};
     if (timesWithinTolerance(source.modificationTime, destination.modificationTime)) return Unchanged{};
     if (source.modificationTime > destination.modificationTime) {
         return Changed{SyncActionReason::SourceIsNewer{source.modificationTime, destination.modificationTime}};

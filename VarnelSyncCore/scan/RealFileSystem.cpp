@@ -191,6 +191,10 @@ ErrnoOr<DirectoryNames> readNames(int fd, bool fromStart) {
             return ErrnoOr<DirectoryNames>::failure(errno);
         }
         if (filled == 0) return names;
+        // Room for the first batch's names at once (a record takes at least 24 bytes, its
+        // name included), rather than growing the two arrays step by step in every folder;
+        // a folder of more batches grows as usual from there.
+        if (names.empty()) names.reserve(static_cast<std::size_t>(filled), static_cast<std::size_t>(filled) / 24);
         for (std::size_t offset = 0; offset < static_cast<std::size_t>(filled);) {
             const auto* item = reinterpret_cast<const dirent64*>(buffer.data() + offset);
             offset += item->d_reclen;

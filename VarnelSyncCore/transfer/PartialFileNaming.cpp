@@ -102,8 +102,6 @@ std::optional<ParsedName> parse(std::string_view name) {
     return std::nullopt;
 }
 
-bool isStagingName(std::string_view name) { return parse(name).has_value(); }
-
 }  // namespace varnel::PartialFileNaming
 
 std::size_t std::hash<varnel::PartialFileNaming::ParsedName>::operator()(

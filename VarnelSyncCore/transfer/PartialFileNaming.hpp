@@ -51,7 +51,8 @@ std::string makeStagingName(std::string_view intendedName, const std::optional<U
 // The pieces of a staging name, or none when `name` is not one. Never throws: every
 // malformed name is simply not a staging name.
 std::optional<ParsedName> parse(std::string_view name);
-bool isStagingName(std::string_view name);
+// Asked of every scanned name: most do not start with ".", and are settled here.
+inline bool isStagingName(std::string_view name) { return name.starts_with('.') && parse(name).has_value(); }
 
 }  // namespace varnel::PartialFileNaming
 
