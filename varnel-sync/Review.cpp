@@ -126,14 +126,14 @@ std::string dumped(const nlohmann::ordered_json& value) {
 ActionFilter ActionFilter::changes() {
     ActionFilter filter;
     for (const auto type : kAllSyncActionTypes) {
-        if (type != SyncActionType::preserveUnchangedFile) filter.types_.insert(type);
+        if (type != SyncActionType::preserveUnchangedFile) filter.add(type);
     }
     return filter;
 }
 
 ActionFilter ActionFilter::all() {
     ActionFilter filter;
-    filter.types_.insert(kAllSyncActionTypes.begin(), kAllSyncActionTypes.end());
+    filter.types_.set();
     return filter;
 }
 
@@ -153,7 +153,7 @@ ActionFilter ActionFilter::parse(std::string_view text) {
                                       "separated by commas: {}.",
                                       word, fmt::join(allowed.begin() + 2, allowed.end(), ", ")));
         }
-        filter.types_.insert(*type);
+        filter.add(*type);
         start = end + 1;
     }
     return filter;
@@ -180,17 +180,6 @@ void printBlockers(std::ostream& out, const SafetyGate::Decision& decision) {
 }
 
 void printPlanTable(std::ostream& out, const SyncPlan& plan, const ActionFilter& filter) {
-    std::size_t actionWidth = displayWidth(tr("Action"));
-    for (const auto type : kAllSyncActionTypes) actionWidth = std::max(actionWidth, displayWidth(label(type)));
-    std::size_t pathWidth = displayWidth(tr("Path"));
-    for (const auto& action : plan.actions) {
-        if (filter.includes(action.type)) {
-            pathWidth = std::max(pathWidth, displayWidth(action.relativePath.description()));
-            if (pathWidth >= kMaximumPathColumn) break;
-        }
-    }
-    pathWidth = std::min(pathWidth, kMaximumPathColumn);
-
     const std::int64_t shown = shownCount(plan, filter);
     out << '\n';
     if (filter.listsEverything()) {
@@ -202,6 +191,17 @@ void printPlanTable(std::ostream& out, const SyncPlan& plan, const ActionFilter&
         out << "  " << tr("Nothing to list.") << '\n';
         return;
     }
+
+    std::size_t actionWidth = displayWidth(tr("Action"));
+    for (const auto type : kAllSyncActionTypes) actionWidth = std::max(actionWidth, displayWidth(label(type)));
+    std::size_t pathWidth = displayWidth(tr("Path"));
+    for (const auto& action : plan.actions) {
+        if (filter.includes(action.type)) {
+            pathWidth = std::max(pathWidth, displayWidth(action.relativePath.description()));
+            if (pathWidth >= kMaximumPathColumn) break;
+        }
+    }
+    pathWidth = std::min(pathWidth, kMaximumPathColumn);
     out << "  " << padded(tr("Action"), actionWidth + 2) << padded(tr("Path"), pathWidth + 2) << tr("Reason") << '\n';
     std::string line;
     for (const auto& action : plan.actions) {

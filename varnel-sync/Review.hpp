@@ -12,8 +12,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <bitset>
+#include <cstddef>
 #include <ostream>
-#include <set>
 #include <string>
 #include <string_view>
 
@@ -28,11 +29,14 @@ public:
     // Throws UsageError naming the allowed words.
     static ActionFilter parse(std::string_view text);
 
-    bool includes(SyncActionType type) const { return types_.contains(type); }
-    bool listsEverything() const { return types_.size() == kAllSyncActionTypes.size(); }
+    // Asked for every action of a plan, so one bit per type.
+    bool includes(SyncActionType type) const { return types_.test(static_cast<std::size_t>(type)); }
+    bool listsEverything() const { return types_.all(); }
 
 private:
-    std::set<SyncActionType> types_;
+    void add(SyncActionType type) { types_.set(static_cast<std::size_t>(type)); }
+
+    std::bitset<kAllSyncActionTypes.size()> types_;
 };
 
 struct ReviewParts {
