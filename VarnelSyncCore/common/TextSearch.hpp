@@ -19,4 +19,10 @@ inline std::size_t lastIndexOf(std::string_view text, char c) {
 #endif
 }
 
+// The text after the last "/" of a path, or the whole path when it has none.
+inline std::string_view lastComponentOf(std::string_view path) {
+    const std::size_t slash = lastIndexOf(path, '/');
+    return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
 }  // namespace varnel

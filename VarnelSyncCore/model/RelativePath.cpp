@@ -153,12 +153,7 @@ RelativePath RelativePath::parent() const {
     return *fromString(value.substr(0, slash));
 }
 
-std::string_view RelativePath::lastComponent() const {
-    const std::string_view value = this->value();
-    const std::size_t slash = lastIndexOf(value, '/');
-    if (slash == std::string_view::npos) return value;
-    return value.substr(slash + 1);
-}
+std::string_view RelativePath::lastComponent() const { return lastComponentOf(value()); }
 
 std::vector<std::string_view> RelativePath::components() const {
     std::vector<std::string_view> result;

@@ -19,12 +19,6 @@ std::string descriptionKey(Kind kind, std::string_view normalisedValue) {
     return key;
 }
 
-// The text after the last "/", or the whole path.
-std::string_view lastComponent(std::string_view path) {
-    const std::size_t slash = lastIndexOf(path, '/');
-    return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
-
 // The text after the last "." of a name; empty when the name has no dot.
 std::string_view extensionOf(std::string_view name) {
     const std::size_t dot = name.rfind('.');
@@ -105,7 +99,7 @@ std::string ExclusionEngine::describe(Kind kind, std::string_view normalisedValu
 std::optional<ExclusionEngine::Match> ExclusionEngine::match(std::string_view path, bool isDirectory) const {
     if (path.empty()) return std::nullopt;
 
-    const std::string_view pathName = lastComponent(path);
+    const std::string_view pathName = lastComponentOf(path);
     // Hidden items come first, so they carry this reason even when a rule matches too.
     if (hiddenPolicy_ == HiddenFilePolicy::exclude && pathName.starts_with('.')) {
         return Match{tr("Hidden files are skipped by this profile")};
@@ -130,8 +124,8 @@ std::optional<ExclusionEngine::Match> ExclusionEngine::match(std::string_view pa
         normalised = normalisedStorage;
     }
     const std::string folded = needsFolding_ ? unicode::toLower(normalised) : std::string();
-    const std::string_view name = lastComponent(normalised);
-    const std::string_view foldedName = lastComponent(folded);
+    const std::string_view name = lastComponentOf(normalised);
+    const std::string_view foldedName = lastComponentOf(folded);
 
     if (wholePath) {
         if (const auto hit = find(exactPathsCaseSensitive_, normalised, exactPaths_, folded)) {
